@@ -1,0 +1,222 @@
+/*
+ * The request frame (see kx_request.h). Every line logged here speaks for the
+ * exported call whose description the frame carries.
+ */
+#include "internal/kx_request.h"
+
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+#include "internal/kx_init_check.h"
+#include "internal/kx_log.h"
+#include "kx_cloud_openapi.h"
+
+namespace kx {
+
+namespace {
+
+/* Formats into a zeroed buffer of `allocation` bytes. A documented allocation
+ * that is too small for the text would be overrun by the documented algorithm;
+ * the buffer then grows to the text's size instead (the documented figure is
+ * still what the call reports). */
+bool print_into(Buffer &out, std::size_t allocation, const char *fmt, std::va_list ap)
+{
+    std::va_list measure;
+    va_copy(measure, ap);
+    const int needed = std::vsnprintf(nullptr, 0, fmt, measure);
+    va_end(measure);
+    if (needed < 0)
+        return false;
+    const std::size_t size = allocation > static_cast<std::size_t>(needed) ? allocation : static_cast<std::size_t>(needed) + 1;
+    Buffer text(size);
+    if (!text.ok())
+        return false;
+    std::vsnprintf(text.get(), size, fmt, ap);
+    out = std::move(text);
+    return true;
+}
+
+}  // namespace
+
+bool initialised_for(const char *name)
+{
+    if (library_inited())
+        return true;
+    KX_LOGE_AS(name, "please firstly to call KX_GLOBAL_INIT()!\n");
+    return false;
+}
+
+int32_t invalid_arg(const char *name)
+{
+    KX_LOGE_AS(name, "invalid arg!\n");
+    return -1;
+}
+
+FixedText<4> number_text(uint32_t value)
+{
+    FixedText<4> text;
+    text.format("%u", value);
+    return text;
+}
+
+bool Request::build_url(const char *domain)
+{
+    const char *scheme = call_.change_to_http == 1 ? "http://" : "https://";
+    char *url = nullptr;
+    /* KX_SDK_CREATE_URL reads the domain without testing it: a null domain is
+     * refused here as a URL that cannot be built. */
+    if (domain == nullptr || KX_SDK_CREATE_URL(scheme, domain, call_.path, &url) != 0) {
+        KX_LOGE_AS(call_.name, "%s", call_.url_failure);
+        return false;
+    }
+    url_.reset(url);
+    return true;
+}
+
+bool Request::encrypt_secret(const char *secret)
+{
+    /* PKCS #7: 1 to 16 bytes of value (total - n), so 16 characters take 32. */
+    const std::size_t n = std::strlen(secret);
+    const std::size_t total = (n / 16 + 1) * 16;
+    Buffer plaintext(total);
+    Buffer cipher(total);
+    Buffer text(2 * total + 1);
+    if (!plaintext.ok() || !cipher.ok() || !text.ok()) {
+        KX_LOGE_AS(call_.name, "out of memory!\n");
+        return false;
+    }
+    std::memcpy(plaintext.get(), secret, n);
+    std::memset(plaintext.get() + n, static_cast<int>(total - n), total - n);
+    if (KX_SDK_AES_ENCRYPTION(plaintext.get(), cipher.bytes(), static_cast<uint32_t>(total)) != 0) {
+        KX_LOGE_AS(call_.name, "Failed to call KX_SDK_AES_ENCRYPTION().\n");
+        return false;
+    }
+    KX_SDK_ENCRYPT_TO_STRING(cipher.bytes(), static_cast<uint32_t>(total), text.get());
+    secret_ = std::move(text);
+    return true;
+}
+
+void Request::stamp()
+{
+    time_.format("%lld", static_cast<long long>(std::time(nullptr)));
+    KX_CREATE_RAND_STRING(reinterpret_cast<unsigned char *>(random_), 32);
+}
+
+bool Request::print_params(std::size_t length, const char *fmt, ...)
+{
+    std::va_list ap;
+    va_start(ap, fmt);
+    const bool printed = print_into(params_, length == 0 ? 0 : length + 1, fmt, ap);
+    va_end(ap);
+    if (!printed) {
+        KX_LOGE_AS(call_.name, "out of memory.\n");
+        return false;
+    }
+    params_length_ = length == 0 ? std::strlen(params_.get()) : length;
+    return true;
+}
+
+bool Request::sign()
+{
+    const int32_t result = static_cast<int32_t>(KX_SDK_SIGN_CREATE(params_.get(), signature_));
+    if (result == -1) {
+        KX_LOGE_AS(call_.name, "create signature failed.\n");
+        return false;
+    }
+    return true;
+}
+
+bool Request::print_body(std::size_t allowance, const char *fmt, ...)
+{
+    body_allocation_ = params_length_ + std::strlen(signature_) + allowance;
+    std::va_list ap;
+    va_start(ap, fmt);
+    const bool printed = print_into(body_, body_allocation_, fmt, ap);
+    va_end(ap);
+    if (!printed) {
+        KX_LOGE_AS(call_.name, "out of memory.\n");
+        return false;
+    }
+    return true;
+}
+
+int32_t Request::transfer(const char *target, std::FILE **stream)
+{
+    const bool plain = call_.change_to_http == 1;
+    if (call_.method == Method::Get)
+        return plain ? KX_SDK_HTTP_GET(target, stream) : KX_SDK_HTTPS_GET(target, stream);
+    const int32_t length = static_cast<int32_t>(std::strlen(body_.get()));
+    if (call_.mark != kNoMark) {
+        return plain ? KX_SDK_HTTP_POST_MARK(target, body_.get(), length, stream, call_.mark)
+                     : KX_SDK_HTTPS_POST_MARK(target, body_.get(), length, stream, call_.mark);
+    }
+    return plain ? KX_SDK_HTTP_POST(target, body_.get(), length, stream)
+                 : KX_SDK_HTTPS_POST(target, body_.get(), length, stream);
+}
+
+bool Request::send()
+{
+    const char *target = url_.get();
+    if (call_.method == Method::Get) {
+        /* URL length + the query's allocation + 1, zeroed; the query is copied
+         * whole even if it outgrew its documented allocation. */
+        const std::size_t url_length = std::strlen(url_.get());
+        const std::size_t query_length = std::strlen(body_.get());
+        const std::size_t query_room = body_allocation_ > query_length ? body_allocation_ : query_length + 1;
+        get_url_ = Buffer(url_length + query_room + 1);
+        if (!get_url_.ok()) {
+            KX_LOGE_AS(call_.name, "out of memory.\n");
+            return false;
+        }
+        std::memcpy(get_url_.get(), url_.get(), url_length);
+        std::memcpy(get_url_.get() + url_length, body_.get(), query_length);
+        KX_LOGI_AS(call_.name, "ps8GetUrl: %s\n", get_url_.get());
+        target = get_url_.get();
+    }
+
+    std::FILE **stream = call_.sink.stream;
+    std::FILE *file = nullptr;
+    if (call_.sink.file_name != nullptr) {
+        file_.reset(std::fopen(call_.sink.file_name, "w+"));
+        if (!file_) {
+            KX_LOGE_AS(call_.name, "%s", call_.sink.creation_failure);
+            return false;
+        }
+        file = file_.get();
+        stream = &file;
+    }
+    transport_result_ = transfer(target, stream);
+    return true;
+}
+
+int32_t Request::verify(char *result)
+{
+    /* What the transfer needed is not needed for the verdict. */
+    get_url_.reset();
+    body_.reset();
+    params_.reset();
+    secret_.reset();
+    url_.reset();
+
+    std::FILE *stream = file_ ? file_.get() : *call_.sink.stream;
+    switch (call_.verifier) {
+    case Verifier::Xml:
+        if (KX_SDK_XML_VERIFY(stream) == 0)
+            return 0;
+        KX_LOGE_AS(call_.name, "failed to verify xml data!\n");
+        return -1;
+    case Verifier::Json:
+        if (KX_SDK_JSON_VERIFY(stream, result) == 0)
+            return 0;
+        break;
+    case Verifier::Json1:
+        if (KX_SDK_JSON_VERIFY1(stream, result) == 0)
+            return 0;
+        break;
+    }
+    KX_LOGE_AS(call_.name, "failed to verify json data!\n");
+    return -1;
+}
+
+}  // namespace kx

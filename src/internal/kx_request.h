@@ -1,0 +1,185 @@
+/*
+ * The request frame: the road every signed call of the account, messaging and
+ * voice families takes from its caller's record to a verified answer.
+ *
+ *   initialisation check -> argument check -> URL -> input log -> secret
+ *   -> time and nonce -> parameter text -> signature -> body -> sink
+ *   -> transfer -> verification -> release
+ *
+ * A call is written as a short description plus its own lines:
+ *
+ *   if (!kx::initialised_for(__func__)) return -1;
+ *   if (record == nullptr || ...) return kx::invalid_arg(__func__);
+ *   kx::Request call({__func__, "/aaa/sign_out", record->u32ChangeToHttp, kx::Method::Post,
+ *                     kx::kNoMark, kx::Sink::file("/tmp/signout.json",
+ *                     "failed to creat !/tmp/signout.json \n"), kx::Verifier::Json,
+ *                     "failed to call KX_SDK_CREATE_URL_NA().\n"});
+ *   if (!call.build_url(domain)) return -1;
+ *   KX_LOGI(...input lines...);
+ *   call.stamp();
+ *   if (!call.print_params(0, "accessToken=%s&...", ...)) return -1;
+ *   if (!call.sign()) return -1;
+ *   if (!call.print_body(7, "%s&sign=%s", call.params(), call.signature())) return -1;
+ *   if (!call.send()) return -1;
+ *   return call.verify(result);
+ *
+ * Each step logs its own failure under the exported call's name and reports it
+ * as false; the call then returns -1 (which is also the signing routine's
+ * failure result). Everything the frame holds (URL, secret text, parameter
+ * text, body, GET URL, answer file) has one owner inside the Request and is
+ * released on every path; a fixed answer file is closed and left on disk.
+ * The caller's stream is never opened or closed here.
+ *
+ * What differs between calls stays in the call: the parameter text and the
+ * body are the call's own formats (the body may differ from the signed text in
+ * key order, empty keys, encoded values or a leading "?"), a call without a
+ * time stamp simply does not call stamp(), an unsigned call does not call
+ * sign(), and lines a call logs beside the frame's are the call's own.
+ */
+#ifndef KX_INTERNAL_REQUEST_H
+#define KX_INTERNAL_REQUEST_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "internal/kx_buffer.h"
+#include "internal/kx_format.h"
+#include "internal/kx_owned.h"
+
+namespace kx {
+
+enum class Method {
+    Post, /* the body is posted to the URL */
+    Get,  /* the body (a query beginning with "?") is appended to the URL */
+};
+
+/* Who judges the answer (and where the verified text lands). */
+enum class Verifier {
+    Xml,   /* KX_SDK_XML_VERIFY on the stream: rewritten without its signature */
+    Json,  /* KX_SDK_JSON_VERIFY: the signed text copied into the caller's buffer */
+    Json1, /* KX_SDK_JSON_VERIFY1: parsed and re-printed into the buffer, no signature check */
+};
+
+/* Socket mark of a call that sets none. */
+constexpr int32_t kNoMark = -1;
+
+/* Where the transport writes the answer: the caller's open stream, or a fixed
+ * file that the frame opens "w+" before the transfer, closes on every path and
+ * leaves on disk. */
+struct Sink {
+    std::FILE **stream;           /* caller's stream (caller kind), else null */
+    const char *file_name;        /* fixed answer file (file kind), else null */
+    const char *creation_failure; /* the call's whole message when the file cannot be opened */
+
+    static constexpr Sink caller(std::FILE **stream) { return Sink{stream, nullptr, nullptr}; }
+    static constexpr Sink file(const char *path, const char *failure) { return Sink{nullptr, path, failure}; }
+};
+
+/* The description of one call. */
+struct Call {
+    const char *name;        /* the exported call: every frame line is logged under it */
+    const char *path;        /* service path, "/aaa/sign_in" */
+    uint32_t change_to_http; /* the record's first field: 1 = "http://" and the plain member */
+    Method method;
+    int32_t mark;            /* socket mark, or kNoMark */
+    Sink sink;
+    Verifier verifier;
+    const char *url_failure; /* whole message when the URL cannot be built */
+};
+
+/* Initialisation check of a request call: logs "please firstly to call
+ * KX_GLOBAL_INIT()!" under `name` and returns false while the library is not
+ * initialised. */
+bool initialised_for(const char *name);
+
+/* Logs "invalid arg!" under `name` and returns -1. */
+int32_t invalid_arg(const char *name);
+
+/* The decimal text of a 32-bit number in the 4-byte buffer the wire protocol
+ * gives it ("%u"): values of 1000 and more are cut to their first three
+ * digits, deliberately. */
+FixedText<4> number_text(uint32_t value);
+
+class Request {
+public:
+    explicit Request(const Call &call) : call_(call) {}
+    Request(const Request &) = delete;
+    Request &operator=(const Request &) = delete;
+
+    /* KX_SDK_CREATE_URL with "http://" when change_to_http is 1, else "https://".
+     * Failure logs the call's URL-failure message. */
+    bool build_url(const char *domain);
+
+    /* Pads the secret with PKCS #7 to the next multiple of 16 (1 to 16 bytes),
+     * encrypts it with KX_SDK_AES_ENCRYPTION and keeps its hexadecimal text
+     * (secret()). Failures: "out of memory!" or "Failed to call
+     * KX_SDK_AES_ENCRYPTION().". */
+    bool encrypt_secret(const char *secret);
+
+    /* time() as "%lld" (time_text()) and 32 digits of KX_CREATE_RAND_STRING
+     * (random_text()). */
+    void stamp();
+
+    /* Prints the parameter text. `length` is the call's documented length
+     * (the lengths of the values plus the format's allowance), 0 when the call
+     * documents none (the text's own length is then taken). The buffer holds
+     * length + 1 zeroed bytes or, should the documented figure be too small for
+     * the text, as many as the text needs. Failure: "out of memory.". */
+    __attribute__((format(printf, 3, 4))) bool print_params(std::size_t length, const char *fmt, ...);
+
+    /* KX_SDK_SIGN_CREATE over the parameter text into the 512-byte signature
+     * text. Only the result -1 is a failure: "create signature failed.". */
+    bool sign();
+
+    /* Prints the body (or the GET query) into a zeroed buffer of the documented
+     * allocation: the parameter text's length + the signature's length +
+     * `allowance` (grown if the text needs more). Failure: "out of memory.". */
+    __attribute__((format(printf, 3, 4))) bool print_body(std::size_t allowance, const char *fmt, ...);
+
+    /* GET calls: the URL and the query joined in a fresh zeroed buffer, logged
+     * as "ps8GetUrl: %s". Then the answer file is opened (file kind; failure
+     * logs the call's creation-failure message) and the body is POSTed, or the
+     * GET URL fetched, with the member the scheme and the mark select. The
+     * transport's result is kept (transport_result()) but decides nothing:
+     * false only when the frame could not start the transfer. */
+    bool send();
+
+    /* Runs the call's verifier and returns its verdict: 0 verified, else -1
+     * after "failed to verify xml data!" or "failed to verify json data!".
+     * `result` is the caller's buffer (JSON verifiers; ignored for XML). */
+    int32_t verify(char *result);
+
+    const char *url() const { return url_.get(); }
+    const char *secret() const { return secret_.get(); }
+    const char *time_text() const { return time_.c_str(); }
+    const char *random_text() const { return random_; }
+    const char *params() const { return params_.get(); }
+    std::size_t params_length() const { return params_length_; }
+    const char *signature() const { return signature_; }
+    const char *body() const { return body_.get(); }
+    std::size_t body_allocation() const { return body_allocation_; }
+    int32_t transport_result() const { return transport_result_; }
+
+private:
+    bool open_sink();
+    int32_t transfer(const char *target, std::FILE **stream);
+
+    Call call_;
+    HeapPtr<char> url_;
+    Buffer secret_;
+    FixedText<32> time_;
+    char random_[33] = {};
+    Buffer params_;
+    std::size_t params_length_ = 0;
+    char signature_[512] = {};
+    Buffer body_;
+    std::size_t body_allocation_ = 0;
+    Buffer get_url_;
+    FilePtr file_;
+    int32_t transport_result_ = -1;
+};
+
+}  // namespace kx
+
+#endif
