@@ -1,0 +1,403 @@
+/*
+ * The response sinks and the twenty-one request members, against the test
+ * cloud: what goes on the wire, where the answer lands, what is logged.
+ */
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kx_cloud_openapi.h"
+#include "log_capture.h"
+#include "test_cloud.h"
+
+using kxcloud::Cloud;
+using kxcloud::Reply;
+using kxtest::log_contains;
+
+namespace {
+
+bool may_mark()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0), mark = 1;
+    bool ok = setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) == 0;
+    close(fd);
+    return ok;
+}
+
+std::string file_text(FILE *f)
+{
+    std::string out(4096, '\0');
+    rewind(f);
+    out.resize(fread(&out[0], 1, out.size(), f));
+    return out;
+}
+
+/* Everything one call may need; each member takes its part. */
+struct Call {
+    std::string url;
+    std::string body = std::string("k=v&\0x", 6); /* the length, not the NUL, ends it */
+    FILE *stream = tmpfile();
+    KX_SDK_DATA_BUF_S *data = static_cast<KX_SDK_DATA_BUF_S *>(calloc(1, sizeof(KX_SDK_DATA_BUF_S)));
+    std::vector<char> large_area = std::vector<char>(KX_SDK_LARGEDATA_SIZE + 1);
+    KX_SDK_LARGEDATA_S large{large_area.data(), 0};
+    KX_SDK_LARGEDATA_S *large_record = &large;
+    std::vector<KX_SDK_HTTP_HEADER_S> headers{{"X-One", "1"}, {"X-Two", "two"}};
+    int32_t mark = -1;
+    ~Call() { fclose(stream); free(data); }
+    const char *u() const { return url.c_str(); }
+    const char *b() const { return body.data(); }
+    int32_t n() const { return static_cast<int32_t>(body.size()); }
+    int32_t hn() const { return static_cast<int32_t>(headers.size()); }
+    const KX_SDK_HTTP_HEADER_S *h() const { return headers.empty() ? nullptr : headers.data(); }
+};
+
+enum Sink { kFile, kData, kLarge };
+
+struct Member {
+    const char *name;
+    const char *logs_as; /* wrappers speak through the member they wrap */
+    bool tls, post;
+    Sink sink;
+    const char *content_type; /* nullptr: no Content-Type line */
+    bool gzip, logs_body, helpers;
+    const char *ret_code_end; /* nullptr: not logged; else what ends the line */
+    std::function<int32_t(Call &)> call;
+};
+
+#define FILE_POST(fn) [](Call &c) { return fn(c.u(), c.b(), c.n(), &c.stream); }
+#define FILE_POST_M(fn) [](Call &c) { return fn(c.u(), c.b(), c.n(), &c.stream, c.mark); }
+#define EXT_POST(fn) [](Call &c) { return fn(c.u(), c.b(), c.n(), c.data, c.h(), c.hn()); }
+#define EXT_POST_M(fn) [](Call &c) { return fn(c.u(), c.b(), c.n(), c.data, c.h(), c.hn(), c.mark); }
+#define EXT_GET(fn) [](Call &c) { return fn(c.u(), c.data, c.h(), c.hn()); }
+#define EXT_GET_M(fn) [](Call &c) { return fn(c.u(), c.data, c.h(), c.hn(), c.mark); }
+#define LARGE_GET_M(fn) [](Call &c) { return fn(c.u(), c.large_record, c.h(), c.hn(), c.mark); }
+
+const char *kForm = "application/x-www-form-urlencoded;charset=iso-8859-1";
+const char *kCurlForm = "application/x-www-form-urlencoded";
+const char *kJson = "application/json";
+
+// clang-format off
+const std::vector<Member> kMembers = {
+    {"KX_SDK_HTTP_POST_MARK", "KX_SDK_HTTP_POST_MARK", false, true, kFile, kForm, false, true, true, nullptr, FILE_POST_M(KX_SDK_HTTP_POST_MARK)},
+    {"KX_SDK_HTTP_POST", "KX_SDK_HTTP_POST_MARK", false, true, kFile, kForm, false, true, true, nullptr, FILE_POST(KX_SDK_HTTP_POST)},
+    {"KX_SDK_HTTPS_POST_MARK", "KX_SDK_HTTPS_POST_MARK", true, true, kFile, kCurlForm, false, false, false, nullptr, FILE_POST_M(KX_SDK_HTTPS_POST_MARK)},
+    {"KX_SDK_HTTPS_POST", "KX_SDK_HTTPS_POST_MARK", true, true, kFile, kCurlForm, false, false, false, nullptr, FILE_POST(KX_SDK_HTTPS_POST)},
+    {"KX_SDK_HTTP_POST_EX", "KX_SDK_HTTP_POST_EX", false, true, kFile, kJson, false, true, true, nullptr, FILE_POST(KX_SDK_HTTP_POST_EX)},
+    {"KX_SDK_HTTP_POST_BINARY", "KX_SDK_HTTP_POST_BINARY", false, true, kFile, kJson, false, true, true, nullptr, FILE_POST(KX_SDK_HTTP_POST_BINARY)},
+    {"KX_SDK_HTTPS_POST_EX", "KX_SDK_HTTPS_POST_EX", true, true, kFile, kJson, false, true, true, nullptr, FILE_POST(KX_SDK_HTTPS_POST_EX)},
+    {"KX_SDK_HTTPS_POST_BINARY", "KX_SDK_HTTPS_POST_BINARY", true, true, kFile, kJson, false, true, true, nullptr, FILE_POST(KX_SDK_HTTPS_POST_BINARY)},
+    {"KX_SDK_HTTP_POST_EXTERNAL_MARK", "KX_SDK_HTTP_POST_EXTERNAL_MARK", false, true, kData, kCurlForm, false, false, true, "", EXT_POST_M(KX_SDK_HTTP_POST_EXTERNAL_MARK)},
+    {"KX_SDK_HTTP_POST_EXTERNAL", "KX_SDK_HTTP_POST_EXTERNAL_MARK", false, true, kData, kCurlForm, false, false, true, "", EXT_POST(KX_SDK_HTTP_POST_EXTERNAL)},
+    {"KX_SDK_HTTPS_POST_EXTERNAL_MARK", "KX_SDK_HTTPS_POST_EXTERNAL_MARK", true, true, kData, kCurlForm, false, true, true, "", EXT_POST_M(KX_SDK_HTTPS_POST_EXTERNAL_MARK)},
+    {"KX_SDK_HTTPS_POST_EXTERNAL", "KX_SDK_HTTPS_POST_EXTERNAL_MARK", true, true, kData, kCurlForm, false, true, true, "", EXT_POST(KX_SDK_HTTPS_POST_EXTERNAL)},
+    {"KX_SDK_HTTP_GET", "KX_SDK_HTTP_GET", false, false, kFile, nullptr, false, false, false, nullptr, [](Call &c) { return KX_SDK_HTTP_GET(c.u(), &c.stream); }},
+    {"KX_SDK_HTTPS_GET_WITH_TIMEOUT", "KX_SDK_HTTPS_GET_WITH_TIMEOUT", true, false, kFile, nullptr, true, false, false, nullptr, [](Call &c) { return KX_SDK_HTTPS_GET_WITH_TIMEOUT(c.u(), &c.stream, 5); }},
+    {"KX_SDK_HTTPS_GET", "KX_SDK_HTTPS_GET_WITH_TIMEOUT", true, false, kFile, nullptr, true, false, false, nullptr, [](Call &c) { return KX_SDK_HTTPS_GET(c.u(), &c.stream); }},
+    {"KX_SDK_HTTP_GET_BACK", "KX_SDK_HTTP_GET_BACK", true, false, kFile, nullptr, true, false, false, nullptr, [](Call &c) { return KX_SDK_HTTP_GET_BACK(c.u(), &c.stream); }},
+    {"KX_SDK_HTTP_GET_EXTERNAL_MARK", "KX_SDK_HTTP_GET_EXTERNAL_MARK", false, false, kData, nullptr, false, false, true, "", EXT_GET_M(KX_SDK_HTTP_GET_EXTERNAL_MARK)},
+    {"KX_SDK_HTTP_GET_EXTERNAL", "KX_SDK_HTTP_GET_EXTERNAL_MARK", false, false, kData, nullptr, false, false, true, "", EXT_GET(KX_SDK_HTTP_GET_EXTERNAL)},
+    {"KX_SDK_HTTPS_GET_EXTERNAL_MARK", "KX_SDK_HTTPS_GET_EXTERNAL_MARK", true, false, kData, nullptr, true, false, true, "", EXT_GET_M(KX_SDK_HTTPS_GET_EXTERNAL_MARK)},
+    {"KX_SDK_HTTPS_GET_EXTERNAL", "KX_SDK_HTTPS_GET_EXTERNAL_MARK", true, false, kData, nullptr, true, false, true, "", EXT_GET(KX_SDK_HTTPS_GET_EXTERNAL)},
+    {"KX_SDK_HTTPS_GET_EXTERNAL_MARK1", "KX_SDK_HTTPS_GET_EXTERNAL_MARK1", true, false, kLarge, nullptr, true, false, true, "\n", LARGE_GET_M(KX_SDK_HTTPS_GET_EXTERNAL_MARK1)},
+};
+// clang-format on
+
+const Member &member(const std::string &name)
+{
+    for (const Member &m : kMembers)
+        if (name == m.name)
+            return m;
+    abort();
+}
+
+std::string received(const Member &m, Call &c)
+{
+    if (m.sink == kFile)
+        return file_text(c.stream);
+    if (m.sink == kData)
+        return std::string(c.data->data, c.data->used);
+    return std::string(c.large.buffer, c.large.used);
+}
+
+class Transport : public ::testing::Test {
+protected:
+    Cloud &cloud = Cloud::shared();
+    void SetUp() override
+    {
+        cloud.reset();
+        kxtest::clear_log();
+    }
+    std::string url(const Member &m, const std::string &path)
+    {
+        return m.tls ? "https://" + cloud.https_domain() + path : "http://" + cloud.http_domain() + ":80" + path;
+    }
+    /* Runs `m` against `path`; false when the member's listener is not there. */
+    bool run(const Member &m, Call &c, const std::string &path, int32_t *result)
+    {
+        if (!m.tls && !cloud.http_ready())
+            return false;
+        c.url = url(m, path);
+        *result = m.call(c);
+        return true;
+    }
+};
+
+TEST_F(Transport, EveryMemberSendsItsRequestAndCollectsTheAnswer)
+{
+    for (const Member &m : kMembers) {
+        SCOPED_TRACE(m.name);
+        cloud.reset();
+        cloud.route("*", "/t", [](const kxcloud::Request &req) {
+            Reply r;
+            r.body = "answer to " + req.method;
+            r.gzip = req.header("Accept-Encoding").find("gzip") != std::string::npos;
+            return r;
+        });
+        kxtest::clear_log();
+        Call c;
+        int32_t result = -1;
+        if (!run(m, c, "/t", &result))
+            continue;
+        ASSERT_EQ(0, result);
+        EXPECT_EQ(std::string("answer to ") + (m.post ? "POST" : "GET"), received(m, c));
+
+        kxcloud::Request req = cloud.last();
+        EXPECT_EQ(m.tls, req.tls);
+        EXPECT_EQ(m.post ? "POST" : "GET", req.method);
+        EXPECT_EQ(m.post ? c.body : "", req.body);
+        EXPECT_EQ(m.content_type ? m.content_type : "", req.header("Content-Type"));
+        EXPECT_EQ(m.content_type != nullptr, req.has_header("Content-Type"));
+        EXPECT_EQ(m.gzip ? "gzip" : "", req.header("Accept-Encoding"));
+        if (m.sink != kFile) {
+            std::vector<std::string> names;
+            for (const auto &h : req.headers)
+                if (h.first.rfind("X-", 0) == 0)
+                    names.push_back(h.first + ":" + h.second);
+            EXPECT_EQ((std::vector<std::string>{"X-One:1", "X-Two:two"}), names);
+        }
+
+        std::string prefix = std::string(m.logs_as) + "(): ";
+        EXPECT_EQ(m.logs_body, log_contains(prefix + "postbody is k=v&.\n"));
+        EXPECT_EQ(m.helpers, log_contains(prefix + "KxSDK2.0 curl easy perform pCurl: 0x"));
+        EXPECT_EQ(m.helpers, log_contains(prefix + "KxSDK2.0 curl easy clean up\n"));
+        auto ret = kxtest::log_matching(prefix + "curl retCode: 200");
+        ASSERT_EQ(m.ret_code_end ? 1u : 0u, ret.size());
+        if (m.ret_code_end) {
+            EXPECT_EQ(prefix + "curl retCode: 200" + m.ret_code_end, ret[0].substr(ret[0].find(prefix)));
+        }
+        EXPECT_FALSE(log_contains("the pointer is null already!"));
+    }
+}
+
+TEST_F(Transport, RefusedArgumentsNeverReachTheNetwork)
+{
+    for (const Member &m : kMembers) {
+        SCOPED_TRACE(m.name);
+        kxtest::clear_log();
+        Call c;
+        FILE *kept = c.stream;
+        c.stream = nullptr; /* the stream variable holds null */
+        free(c.data);
+        c.data = nullptr;
+        c.large_record = nullptr;
+        int32_t result = 0;
+        c.url = url(m, "/t");
+        result = m.call(c);
+        c.stream = kept;
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ(1, kxtest::log_count(std::string(m.logs_as) + "(): invalid arg!\n", kxtest::kError));
+    }
+    EXPECT_TRUE(cloud.requests().empty());
+}
+
+TEST_F(Transport, ExtraHeadersAreCutToTheLineBufferAndMayBeAbsent)
+{
+    const Member &m = member("KX_SDK_HTTPS_GET_EXTERNAL");
+    cloud.reply("GET", "/h", Reply{});
+    Call c;
+    c.headers.assign(1, KX_SDK_HTTP_HEADER_S{});
+    strcpy(c.headers[0].name, "X-Long");
+    memset(c.headers[0].value, 'v', 127);
+    int32_t result;
+    ASSERT_TRUE(run(m, c, "/h", &result));
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(std::string(127 - strlen("X-Long:"), 'v'), cloud.last().header("X-Long"));
+
+    kxtest::clear_log();
+    c.headers.clear(); /* count 0, null array */
+    ASSERT_TRUE(run(m, c, "/h", &result));
+    EXPECT_EQ(0, result);
+    EXPECT_FALSE(cloud.last().has_header("X-Long"));
+    EXPECT_EQ(1, kxtest::log_count("KX_SDK_CURL_SLIST_FREE(): the pointer is null already!\n", kxtest::kError));
+}
+
+TEST_F(Transport, ErrorStatusFailsTheTransferAndLeavesTheSinkEmpty)
+{
+    for (const char *name : {"KX_SDK_HTTPS_POST", "KX_SDK_HTTPS_GET_EXTERNAL", "KX_SDK_HTTP_POST"}) {
+        SCOPED_TRACE(name);
+        kxtest::clear_log();
+        Call c;
+        int32_t result = 0;
+        if (!run(member(name), c, "/nowhere", &result))
+            continue;
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ("", received(member(name), c));
+        EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 22.\n"));
+    }
+}
+
+TEST_F(Transport, BufferSinksTakeTheirCapacityAndRefuseTheChunkBeyond)
+{
+    struct Case { const char *name; size_t capacity; };
+    for (Case k : {Case{"KX_SDK_HTTPS_GET_EXTERNAL", KX_SDK_DATA_BUF_SIZE}, Case{"KX_SDK_HTTPS_GET_EXTERNAL_MARK1", KX_SDK_LARGEDATA_SIZE}}) {
+        const Member &m = member(k.name);
+        for (size_t size : {k.capacity, k.capacity + 1}) {
+            SCOPED_TRACE(std::string(k.name) + " " + std::to_string(size));
+            kxtest::clear_log();
+            Reply r;
+            for (size_t i = 0; i < size; ++i)
+                r.body.push_back(static_cast<char>('a' + i % 26));
+            r.chunk_size = 5000; /* the last piece is what does not fit */
+            r.piece_delay_ms = 2;
+            cloud.reply("GET", "/big", r);
+            Call c;
+            int32_t result;
+            ASSERT_TRUE(run(m, c, "/big", &result));
+            size_t kept = size == k.capacity ? size : size - size % 5000;
+            EXPECT_EQ(size == k.capacity ? 0 : -1, result);
+            EXPECT_EQ(r.body.substr(0, kept), received(m, c));
+            if (m.sink == kLarge && size > k.capacity) {
+                EXPECT_TRUE(log_contains("WRITE_LARGEDATA(): OOM: size=[1] totalsize=[4801] offset=[200000]\n"));
+            }
+        }
+    }
+}
+
+TEST_F(Transport, ServerFromAnotherAuthorityIsRefused)
+{
+    kxcloud::Options options;
+    options.http80 = false;
+    options.cert = "other_server";
+    Cloud other(options);
+    other.reply("*", "/t", Reply{});
+    Call c;
+    c.url = "https://" + other.https_domain() + "/t";
+    EXPECT_EQ(-1, member("KX_SDK_HTTPS_POST").call(c));
+    EXPECT_EQ(-1, member("KX_SDK_HTTPS_GET_EXTERNAL").call(c));
+    EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 60.\n"));
+    EXPECT_TRUE(other.requests().empty());
+}
+
+TEST_F(Transport, NonNegativeMarksAreSetOnTheSocket)
+{
+    if (!may_mark())
+        GTEST_SKIP() << "SO_MARK needs the network namespace";
+    cloud.reply("*", "/m", Reply{});
+    for (const char *name : {"KX_SDK_HTTPS_POST_MARK", "KX_SDK_HTTPS_GET_EXTERNAL_MARK1"}) {
+        for (int32_t mark : {-1, 0, 100}) {
+            SCOPED_TRACE(std::string(name) + " " + std::to_string(mark));
+            kxtest::clear_log();
+            Call c;
+            c.mark = mark;
+            int32_t result;
+            ASSERT_TRUE(run(member(name), c, "/m", &result));
+            EXPECT_EQ(0, result);
+            EXPECT_EQ(mark >= 0 ? 1u : 0u, kxtest::log_matching("sockopt_callback(): Mark: ").size());
+            if (mark >= 0) {
+                EXPECT_TRUE(log_contains("sockopt_callback(): Mark: " + std::to_string(mark) + "\n"));
+            }
+        }
+    }
+}
+
+TEST_F(Transport, TotalLimitEndsATricklingAnswer)
+{
+    Reply trickle;
+    trickle.body = std::string(30, 't');
+    trickle.chunk_size = 1;
+    trickle.piece_delay_ms = 1000; /* 30 s of data, still arriving at 20 s */
+    cloud.reply("GET", "/slow", trickle);
+    Call c;
+    int32_t result;
+    ASSERT_TRUE(run(member("KX_SDK_HTTPS_GET"), c, "/slow", &result));
+    EXPECT_EQ(-1, result);
+    EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 28.\n"));
+
+    trickle.body = "tri"; /* the unlimited member waits it out */
+    cloud.reply("GET", "/slow", trickle);
+    Call back;
+    ASSERT_TRUE(run(member("KX_SDK_HTTP_GET_BACK"), back, "/slow", &result));
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("tri", file_text(back.stream));
+}
+
+/* ---- the sinks and helpers on their own ---- */
+
+TEST(Sinks, FileSinkAppendsWhateverThePositionAndReportsShortWrites)
+{
+    FILE *f = tmpfile();
+    fputs("abc", f);
+    rewind(f);
+    char chunk[] = "def";
+    EXPECT_EQ(3u, WRITE_DATA(chunk, 1, 3, &f));
+    EXPECT_EQ("abcdef", file_text(f));
+    fclose(f);
+
+    kxtest::clear_log();
+    FILE *ro = fopen("/proc/self/exe", "r");
+    EXPECT_EQ(0u, WRITE_DATA(chunk, 1, 3, &ro));
+    EXPECT_TRUE(log_contains("WRITE_DATA(): Failed to call fwrite.\n"));
+    EXPECT_TRUE(log_contains("WRITE_DATA(): reset The error indicator of pStream.\n"));
+    EXPECT_EQ(0, ferror(ro));
+    fclose(ro);
+}
+
+TEST(Sinks, BufferSinksBoundInclusivelyAndRefuseNullRecords)
+{
+    static KX_SDK_DATA_BUF_S buf;
+    char chunk[10] = "123456789";
+    buf.used = KX_SDK_DATA_BUF_SIZE - 10;
+    EXPECT_EQ(10u, WRITE_DATA1(chunk, 2, 5, &buf));
+    EXPECT_EQ(0u, WRITE_DATA1(chunk, 1, 1, &buf));
+    EXPECT_EQ(static_cast<uint32_t>(KX_SDK_DATA_BUF_SIZE), buf.used);
+    EXPECT_EQ(0, memcmp(buf.data + KX_SDK_DATA_BUF_SIZE - 10, chunk, 10));
+
+    kxtest::clear_log();
+    KX_SDK_LARGEDATA_S no_area{nullptr, 0};
+    EXPECT_EQ(static_cast<size_t>(-1), WRITE_DATA1(chunk, 1, 1, nullptr));
+    EXPECT_EQ(static_cast<size_t>(-1), WRITE_LARGEDATA(chunk, 1, 1, nullptr));
+    EXPECT_EQ(static_cast<size_t>(-1), WRITE_LARGEDATA(chunk, 1, 1, &no_area));
+    EXPECT_EQ(3, kxtest::log_count("(): invalid arg!\n", kxtest::kError));
+}
+
+TEST(Sinks, XmlIsJudgedByThreeExactSpellingsAnywhere)
+{
+    struct Case { const char *text; int32_t xml; };
+    for (Case k : {Case{"<?xml version", 1}, Case{"\xEF\xBB\xBF<?xml", 1}, Case{"  <?XML", 1}, Case{"x<?Xml", 1},
+                   Case{"<?xmL", 0}, Case{"<?XMl", 0}, Case{"{\"a\":1}", 0}, Case{nullptr, 0}}) {
+        kxtest::clear_log();
+        EXPECT_EQ(k.xml, KX_SDK_JUDGE_XML_FORM(k.text)) << (k.text ? k.text : "(null)");
+        auto lines = kxtest::log_matching("the response is xml format!");
+        ASSERT_EQ(k.xml ? 1u : 0u, lines.size());
+        if (k.xml) {
+            EXPECT_EQ('!', lines[0].back()); /* no line end */
+        }
+    }
+}
+
+TEST(Sinks, ReleaseHelpersAreNullSafe)
+{
+    kxtest::clear_log();
+    EXPECT_EQ(-1, KX_SDK_CURL_SLIST_FREE(nullptr));
+    EXPECT_EQ(-1, KX_SDK_CURL_EASY_CLEANUP(nullptr));
+    EXPECT_EQ(2, kxtest::log_count("(): the pointer is null already!\n", kxtest::kError));
+    EXPECT_EQ(0, KX_SDK_CURL_SLIST_FREE(curl_slist_append(nullptr, "a:b")));
+    EXPECT_EQ(0, KX_SDK_CURL_EASY_CLEANUP(curl_easy_init()));
+}
+
+}  // namespace
