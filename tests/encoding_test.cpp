@@ -1,0 +1,216 @@
+// base64, hexadecimal texts, percent-encoding and the AES pairs. Cipher texts
+// are checked with OpenSSL's EVP interface and the pairs this build was
+// configured with, independently of the library.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kx_cloud_openapi.h"
+#include "log_capture.h"
+#include "test_crypto.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+Bytes from_hex(const char *hex)
+{
+    Bytes out;
+    for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2)
+        out.push_back(static_cast<unsigned char>(std::strtoul(std::string(hex + i, 2).c_str(), nullptr, 16)));
+    return out;
+}
+
+// Raw AES-128-CBC (no padding) with a configured pair.
+Bytes evp_cbc(bool encrypt, const char *key_hex, const char *iv_hex, const Bytes &in)
+{
+    Bytes key = from_hex(key_hex), iv = from_hex(iv_hex), out(in.size() + 16);
+    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+    EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key.data(), iv.data(), encrypt ? 1 : 0);
+    EVP_CIPHER_CTX_set_padding(ctx, 0);
+    int n = 0, m = 0;
+    EVP_CipherUpdate(ctx, out.data(), &n, in.data(), static_cast<int>(in.size()));
+    EVP_CipherFinal_ex(ctx, out.data() + n, &m);
+    EVP_CIPHER_CTX_free(ctx);
+    out.resize(static_cast<size_t>(n + m));
+    return out;
+}
+
+TEST(Base64, Rfc4648VectorsBothWays)
+{
+    const char *vectors[][2] = {{"f", "Zg=="},     {"fo", "Zm8="},         {"foo", "Zm9v"},
+                                {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}};
+    for (auto &v : vectors) {
+        char text[16] = {0};
+        kx_base64_encode(v[0], text, static_cast<uint32_t>(std::strlen(v[0])));
+        EXPECT_STREQ(text, v[1]);
+        char bytes[16];
+        std::memset(bytes, '#', sizeof bytes);
+        int32_t n = kx_base64_decode(v[1], bytes);
+        ASSERT_EQ(n, static_cast<int32_t>(std::strlen(v[0])));
+        EXPECT_EQ(std::string(bytes, static_cast<size_t>(n) + 1), std::string(v[0]) + '\0');
+        EXPECT_EQ(bytes[n + 1], '#');  // nothing beyond the terminator
+    }
+    std::string all;
+    for (int i = 0; i < 256; ++i)
+        all += static_cast<char>(255 - i);
+    std::vector<char> text(4 * 86 + 1);
+    kx_base64_encode(all.data(), text.data(), static_cast<uint32_t>(all.size()));
+    EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(all));
+    std::vector<char> back(257);
+    ASSERT_EQ(kx_base64_decode(text.data(), back.data()), 256);
+    EXPECT_EQ(std::string(back.data(), 256), all);
+}
+
+TEST(Base64, RefusedTexts)
+{
+    struct Case {
+        const char *text;
+        const char *message;
+    } cases[] = {
+        {"Q===", "kx_base64_decode(): Not a valid base64 encode string\n"},
+        {"QQ=*", "kx_base64_decode(): 0x2a Not a valid base64 encode string\n"},
+        {"QUJDRA", "kx_base64_decode(): Not a valid base64 encode string\n"},      // 6 characters
+        {"QQ==QUJD", "kx_base64_decode(): Not a valid base64 encode string\n"},    // pad before the last group
+        {"QU=D", "kx_base64_decode(): Not a valid base64 encode string\n"},        // data after a pad
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        kxtest::clear_log();
+        unsigned char out[16];
+        std::memset(out, '#', sizeof out);
+        EXPECT_EQ(kx_base64_decode(c.text, out), -1);
+        EXPECT_EQ(kxtest::log_count(c.message, kxtest::kError), 1);
+        EXPECT_EQ(out[6], '#');
+    }
+    unsigned char one[2];
+    EXPECT_EQ(kx_base64_decode("QQ==", one), 1);
+    EXPECT_EQ(one[0], 'A');
+    // Line breaks are skipped but still counted in the reported length.
+    unsigned char broken[10];
+    std::memset(broken, '#', sizeof broken);
+    EXPECT_EQ(kx_base64_decode("QUJD\r\nQUJD\r\n", broken), 9);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(broken), 8), std::string("ABCABC\0#", 8));
+}
+
+TEST(Hex, BytesToTextAndBack)
+{
+    const unsigned char bytes[] = {0x00, 0xFF};
+    char text[6];
+    std::memset(text, '#', sizeof text);
+    KX_SDK_ENCRYPT_TO_STRING(bytes, 2, text);
+    EXPECT_EQ(std::string(text, 5), "00FF#");
+    std::memset(text, '#', sizeof text);
+    KX_SDK_ENCRYPT_TO_HEXSTRING(bytes, 2, text);
+    EXPECT_EQ(std::string(text, 5), "00FF#");
+
+    unsigned char out[3] = {0, '#', '#'};
+    kxtest::clear_log();
+    KX_SDK_HEXSTRING_TO_ENCRYPT("0a", out);
+    EXPECT_EQ(out[0], 0x00);
+    EXPECT_EQ(kxtest::log_count("invalid Byte!\n", kxtest::kError), 1);
+    KX_SDK_HEXSTRING_TO_ENCRYPT("ABC", out);
+    EXPECT_EQ(out[0], 0xAB);
+    EXPECT_EQ(out[1], '#');
+
+    unsigned char raw[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(ChangeToByte("0AF17", raw), 2);  // the odd "7" is left alone
+    EXPECT_EQ(raw[0], 0x0A);
+    EXPECT_EQ(raw[1], 0xF1);
+    EXPECT_EQ(raw[2], '#');
+}
+
+TEST(UrlEncode, KeepsEncodesAndBounds)
+{
+    const char in[] = {'a', ' ', 'b', '~'};
+    char out[16];
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 15), 6);
+    EXPECT_STREQ(out, "a+b%7E");
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 5), 0);
+    EXPECT_EQ(std::string(out, 4), "a+b#");  // left unterminated
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 3), 3);
+    EXPECT_EQ(std::string(out, 5), std::string("a+b\0#", 5));  // NUL in the fourth byte
+
+    const char mixed[] = "Az09-._*/+=&\x80";
+    char wide[64] = {0};
+    EXPECT_EQ(KX_SDK_URLEncode(mixed, 13, wide, 63), 23);
+    EXPECT_STREQ(wide, "Az09-._*%2F%2B%3D%26%80");
+    EXPECT_EQ(KX_SDK_URLEncode(mixed, 0, wide, 63), 0);
+}
+
+TEST(Aes, PairAEncryptsAsConfiguredAndRoundTrips)
+{
+    const std::string text = "device-secret-42";  // 16 bytes, padded to 32
+    Bytes padded(text.begin(), text.end());
+    padded.resize(32, 16);
+    Bytes cipher(32);
+    ASSERT_EQ(KX_SDK_AES_ENCRYPTION(reinterpret_cast<const char *>(padded.data()), cipher.data(), 32), 0);
+    EXPECT_EQ(cipher, evp_cbc(true, KX_TEST_AES_A_KEY, KX_TEST_AES_A_IV, padded));
+
+    // A fresh IV each call: the same input gives the same cipher text.
+    Bytes again(32);
+    KX_SDK_AES_ENCRYPTION(reinterpret_cast<const char *>(padded.data()), again.data(), 32);
+    EXPECT_EQ(again, cipher);
+
+    Bytes plain(32, '#');
+    uint32_t len = 0;
+    ASSERT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 32, plain.data(), &len), 0);
+    EXPECT_EQ(len, 16u);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(plain.data())), text);
+    EXPECT_EQ(plain, [&] { Bytes z(text.begin(), text.end()); z.resize(32, 0); return z; }());
+}
+
+TEST(Aes, InvalidPaddingByte)
+{
+    for (unsigned char pad : {0, 17}) {
+        Bytes block(16, 'x');
+        block[15] = pad;
+        Bytes cipher = evp_cbc(true, KX_TEST_AES_A_KEY, KX_TEST_AES_A_IV, block);
+        Bytes plain(16);
+        uint32_t len = 99;
+        kxtest::clear_log();
+        EXPECT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 16, plain.data(), &len), -1);
+        EXPECT_EQ(len, 99u);
+        // This message has no line end.
+        auto lines = kxtest::log_lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].text.substr(lines[0].text.find("(): ")),
+                  "(): " + std::to_string(pad) + " is invalid PaddingByteNum.");
+    }
+}
+
+TEST(Aes, PairBPadsAndHandsOutABuffer)
+{
+    struct Case {
+        uint32_t length, total;
+    } cases[] = {{0, 16}, {15, 16}, {16, 32}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.length);
+        Bytes in(c.length + 1, 'k');
+        unsigned char *out = nullptr;
+        uint32_t len = 0;
+        ASSERT_EQ(KX_SDK_AES_ENCRYPT(in.data(), c.length, &out, &len), 0);
+        ASSERT_EQ(len, c.total);
+        Bytes plain = evp_cbc(false, KX_TEST_AES_B_KEY, KX_TEST_AES_B_IV, Bytes(out, out + len));
+        std::free(out);
+        Bytes expect(c.length, 'k');
+        expect.resize(c.total, static_cast<unsigned char>(c.total - c.length));
+        EXPECT_EQ(plain, expect);
+    }
+    unsigned char taken = 0;
+    unsigned char *busy = &taken;
+    uint32_t len = 0;
+    kxtest::clear_log();
+    EXPECT_EQ(KX_SDK_AES_ENCRYPT("x", 1, &busy, &len), -1);
+    EXPECT_EQ(busy, &taken);
+    EXPECT_TRUE(kxtest::log_contains("KX_SDK_AES_ENCRYPT(): invalid arg!\n"));
+}
+
+}  // namespace

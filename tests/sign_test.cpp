@@ -1,0 +1,179 @@
+// Key loading, request signatures, answer-signature checks and the nonce.
+// Signatures are opened and made with OpenSSL directly (test_crypto), never
+// with the library's own code.
+#include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/rsa.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "kx_cloud_openapi.h"
+#include "log_capture.h"
+#include "test_crypto.h"
+
+namespace {
+
+const char kSalt[] = "Qm7TzR2bWc9LkXv4+pHsYe1NdGu8Jf3A";
+
+// The library's view of a test key pair: loaded from its public PEM text.
+struct LoadedKey {
+    kxtest::RsaPtr pair;
+    RSA *pub = nullptr;
+    explicit LoadedKey(int bits) : pair(kxtest::generate_rsa(bits))
+    {
+        pub = init_publickey(kxtest::public_pem(pair.get()).c_str());
+    }
+    ~LoadedKey() { destroy_key(pub); }
+};
+
+TEST(Sign, ModulusSizeAgainstA512ByteBuffer)
+{
+    struct Case {
+        int bits;
+        bool accepted;
+    } cases[] = {{1024, true}, {2048, true}, {3072, false}};
+    const std::string text = "appKey=k&randStr=0123&timeStamp=1700000000";
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.bits);
+        LoadedKey key(c.bits);
+        ASSERT_NE(key.pub, nullptr);
+        kxtest::clear_log();
+        char out[512] = {0};
+        int32_t result = kxtvsign(text.data(), text.size(), out, sizeof out, key.pub);
+        if (!c.accepted) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(kxtest::log_count("kxtvsign signsize should greater than or equel to 517\n", kxtest::kError), 1);
+            continue;
+        }
+        ASSERT_EQ(result, 0);
+        EXPECT_EQ(std::strlen(out), static_cast<size_t>(c.bits / 8 + 2) / 3 * 4);
+        std::string raw = out;  // plain base64: keep its "+" through the form decoding
+        for (size_t at = raw.find('+'); at != std::string::npos; at = raw.find('+', at))
+            raw.replace(at, 1, "%2B");
+        EXPECT_EQ(kxtest::open_request_signature(raw, key.pair.get()), kxtest::md5_raw(text));
+        EXPECT_TRUE(kxtest::log_contains("sign_verify.cpp:"));
+        EXPECT_TRUE(kxtest::log_contains(":kxtvsign(): KxSDK2.0 rsasize: " + std::to_string(c.bits / 8) + "\n"));
+    }
+    LoadedKey small(1024);
+    EXPECT_EQ(signsize(small.pub), 173);
+}
+
+TEST(Sign, PublicKeyTextsThatDoNotLoad)
+{
+    kxtest::clear_log();
+    EXPECT_EQ(init_publickey(nullptr), nullptr);
+    EXPECT_EQ(init_publickey("-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n"), nullptr);
+    EXPECT_EQ(kxtest::log_count("init_publickey(): invalid public key!\n", kxtest::kError), 1);
+    EXPECT_EQ(kxtest::log_count("init_publickey(): failed to read public key.\n", kxtest::kError), 1);
+}
+
+TEST(Sign, PrivateKeyFile)
+{
+    kxtest::clear_log();
+    EXPECT_EQ(init_privatekey("/nonexistent/key.pem"), nullptr);
+    EXPECT_TRUE(kxtest::log_contains(
+        "prikey_getfrom_file(): Get Public Key from file /nonexistent/key.pem error, open file error\n"));
+    EXPECT_TRUE(kxtest::log_contains("init_privatekey(): prikey_getfrom_file error\n"));
+
+    RSA *key = init_privatekey((kxtest::credentials_dir() + "/answer_signing.pem").c_str());
+    ASSERT_NE(key, nullptr);
+    EXPECT_EQ(BN_cmp(RSA_get0_n(key), RSA_get0_n(kxtest::answer_signing_key())), 0);
+    destroy_key(key);
+}
+
+// The build's embedded key is the public half of the answer-signing pair.
+TEST(Sign, RequestSignatureWithTheBuiltInKey)
+{
+    ASSERT_EQ(KX_INIT_PUBLICKEY(), 0);
+    ASSERT_NE(gpKey, nullptr);
+    EXPECT_EQ(BN_cmp(RSA_get0_n(gpKey), RSA_get0_n(kxtest::answer_signing_key())), 0);
+
+    const char *text = "appKey=a&deviceId=d&randStr=12345678901234567890123456789012&timeStamp=1700000000";
+    char first[513] = {0};
+    char second[513] = {0};
+    kxtest::clear_log();
+    ASSERT_EQ(KX_SDK_SIGN_CREATE(text, first), 0u);
+    ASSERT_EQ(KX_SDK_SIGN_CREATE(text, second), 0u);
+    EXPECT_STRNE(first, second);
+    // Same length before encoding; the encoded lengths follow the "+", "/" and "=" count.
+    EXPECT_EQ(kxtest::url_decode(first).size(), kxtest::url_decode(second).size());
+    for (const char *s : {first, second}) {
+        EXPECT_EQ(std::strpbrk(s, "+/="), nullptr) << s;
+        EXPECT_EQ(kxtest::open_request_signature(s), kxtest::md5_raw(text));
+    }
+    // The raw base64 is logged before encoding, the encoded form after.
+    std::string raw = kxtest::url_decode(first);
+    EXPECT_EQ(raw.size(), 344u);
+    EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): sSignature is: " + raw + "\n"));
+    EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): sEnSignature is: " + std::string(first) + "\n"));
+    EXPECT_EQ(KX_UNINIT_PUBLICKEY(), 0);
+
+    // Without a key the signature fails and out stays as it was.
+    gpKey = nullptr;
+    char untouched[513] = "unchanged";
+    kxtest::clear_log();
+    EXPECT_EQ(KX_SDK_SIGN_CREATE(text, untouched), static_cast<uint32_t>(-1));
+    EXPECT_STREQ(untouched, "unchanged");
+    EXPECT_TRUE(kxtest::log_contains("kxtvsign(): invalid arg!\n"));
+    EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): KxSDK2.0 create signature failed\n"));
+}
+
+TEST(Verify, AnswerSignatureOverMd5)
+{
+    LoadedKey key(2048);
+    std::string data = "{\"code\":0,\"msg\":\"ok\"}";
+    std::string sig = kxtest::server_signature(data, key.pair.get());
+    EXPECT_EQ(kxtvverify(data.data(), data.size(), sig.c_str(), sig.size(), key.pub), 0);
+
+    kxtest::clear_log();
+    data[3] = 'C';
+    EXPECT_EQ(kxtvverify(data.data(), data.size(), sig.c_str(), sig.size(), key.pub), -1);
+    EXPECT_EQ(kxtest::log_count("kxtvverify(): kxtvverify md5 cmp diff\n", kxtest::kError), 1);
+
+    for (uint32_t count : {0u, 513u}) {
+        kxtest::clear_log();
+        EXPECT_EQ(kxtvverify(data.data(), data.size(), sig.c_str(), count, key.pub), -1);
+        EXPECT_EQ(kxtest::log_count("kxtvverify signsize is not belong to 0-512\n", kxtest::kError), 1);
+        EXPECT_FALSE(kxtest::log_contains("decode"));
+    }
+    kxtest::clear_log();
+    EXPECT_EQ(kxtvverify(data.data(), data.size(), "QUJD", 4, key.pub), -1);
+    EXPECT_TRUE(kxtest::log_contains("kxtvverify decrypt error\n"));
+}
+
+TEST(Sign, SoundbarDigestIsBase64OfMd5WithSalt)
+{
+    for (std::string text : {std::string("appKey=a&sign=x%2B"), std::string()}) {
+        char out[64] = {0};
+        ASSERT_EQ(KX_SDK_SIGN_CREATE_SOUNDBAR(text.c_str(), out), 0u);
+        EXPECT_EQ(out, kxtest::base64_encode(kxtest::md5_raw(text + kSalt)));
+        EXPECT_EQ(std::strlen(out), 24u);
+    }
+    EXPECT_EQ(KX_SDK_SIGN_CREATE_SOUNDBAR(nullptr, nullptr), static_cast<uint32_t>(-1));
+}
+
+TEST(Sign, NonceDigits)
+{
+    unsigned char a[40];
+    unsigned char b[40];
+    std::memset(a, 'x', sizeof a);
+    std::time_t before = std::time(nullptr);
+    KX_CREATE_RAND_STRING(a, 32);
+    KX_CREATE_RAND_STRING(b, 32);
+    std::time_t after = std::time(nullptr);
+    EXPECT_EQ(std::strlen(reinterpret_cast<char *>(a)), 32u);
+    EXPECT_EQ(std::strspn(reinterpret_cast<char *>(a), "0123456789"), 32u);
+    EXPECT_EQ(a[33], 'x');
+    if (before == after) {  // same second, same seed
+        EXPECT_STREQ(reinterpret_cast<char *>(a), reinterpret_cast<char *>(b));
+    }
+    std::memset(a, 'x', sizeof a);
+    KX_CREATE_RAND_STRING(a, 0);
+    EXPECT_EQ(a[0], '\0');
+    EXPECT_EQ(a[1], 'x');
+}
+
+}  // namespace
