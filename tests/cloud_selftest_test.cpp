@@ -141,6 +141,19 @@ TEST_F(CloudSelfTest, RecordsTheRequestExactlyAsSent)
     EXPECT_EQ(query, r.query_form());
 }
 
+TEST_F(CloudSelfTest, RecordsALargeBodyWhole)
+{
+    cloud().route("POST", "/log", [](const kxcloud::Request &r) { return Reply{200, std::to_string(r.body.size())}; });
+    Ask ask;
+    ask.method = "POST";
+    for (int i = 0; ask.body.size() < 300000; ++i)
+        ask.body += std::to_string(i) + ",";
+    Fetched f = fetch(url("/log"), ask);
+    ASSERT_EQ(CURLE_OK, f.code) << f.head;
+    EXPECT_EQ(std::to_string(ask.body.size()), f.body) << f.head;
+    EXPECT_TRUE(ask.body == cloud().last().body) << cloud().last().body.size();
+}
+
 TEST_F(CloudSelfTest, RoutesByMethodAndPathAndAnswersUnroutedWith404)
 {
     cloud().reply("GET", "/a", Reply{200, "get"});
@@ -335,6 +348,23 @@ TEST_F(CloudSelfTest, PlainListenerOnPort80)
     EXPECT_EQ("plain", f.body);
     EXPECT_FALSE(cloud().last().tls);
     EXPECT_EQ("k=v", cloud().last().body);
+}
+
+TEST_F(CloudSelfTest, AStalledAnswerFreesItsWorkerWhenTheClientGivesUp)
+{
+    Reply stall{200, "0123456789"};
+    stall.stall_after = 1;
+    stall.stall_ms = 60000;
+    cloud().reply("GET", "/stuck", stall);
+    cloud().reply("GET", "/fine", Reply{200, "fine"});
+    Ask impatient;
+    impatient.timeout_ms = 150;
+    // More abandoned stalls than the listener has workers.
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, fetch(url("/stuck"), impatient).code);
+    Ask soon;
+    soon.timeout_ms = 2000;
+    EXPECT_EQ("fine", fetch(url("/fine"), soon).body);
 }
 
 TEST(CloudLifetime, DestructionEndsAStalledAnswerPromptly)

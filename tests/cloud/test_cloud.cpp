@@ -219,6 +219,13 @@ public:
         }
     }
 
+    /* The client has hung up (or reset): nobody is waiting for the answer. */
+    bool peer_gone() const
+    {
+        struct pollfd p = {fd_, POLLRDHUP, 0};
+        return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    }
+
     const std::string &seen() const { return seen_; }
 
     bool answered = false; /* the cloud's answer is on the wire */
@@ -318,11 +325,11 @@ struct Cloud::State {
     bool http_ready = false;
     int https_port = 0;
 
-    void serve(Wire &wire, const httplib::Request &hreq, bool tls);
-    Request parse(const Wire &wire, const httplib::Request &hreq, bool tls) const;
+    void serve(Wire &wire, const httplib::Request &hreq, const std::string &body, bool tls);
+    Request parse(const Wire &wire, const httplib::Request &hreq, const std::string &body, bool tls) const;
     Handler find(const std::string &method, const std::string &path) const;
     void answer(Wire &wire, const Request &req, Reply rep);
-    bool pause(int ms) const;
+    bool pause(int ms, const Wire &wire) const;
     void start(httplib::Server &server, std::thread &thread);
 };
 
@@ -339,6 +346,8 @@ public:
     Listener(Cloud::State &state, Args &&...args) : Base(std::forward<Args>(args)...), state_(state)
     {
         this->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
+        /* The packaged build caps request bodies low; log uploads are larger. */
+        this->set_payload_max_length(size_t(64) << 20);
         /* SO_REUSEADDR only: httplib's default also sets SO_REUSEPORT, which
          * would let two clouds share port 80 and split the requests. */
         this->set_socket_options([](socket_t sock) {
@@ -347,14 +356,33 @@ public:
         });
         auto handler = [this](const httplib::Request &hreq, httplib::Response &) {
             if (current_wire != nullptr)
-                state_.serve(*current_wire, hreq, kTls);
+                state_.serve(*current_wire, hreq, hreq.body, kTls);
         };
-        this->Get(".*", handler);
-        this->Post(".*", handler);
-        this->Put(".*", handler);
-        this->Patch(".*", handler);
-        this->Delete(".*", handler);
-        this->Options(".*", handler);
+        /* Bodies are read through a content reader: httplib's own reading
+         * refuses form-encoded bodies above 8 KiB, and libcurl labels every
+         * POST form-encoded unless told otherwise. */
+        auto reading = [this](const httplib::Request &hreq, httplib::Response &,
+                              const httplib::ContentReader &reader) {
+            std::string body;
+            if (hreq.is_multipart_form_data())
+                reader([](const httplib::MultipartFormData &) { return true; },
+                       [](const char *, size_t) { return true; });
+            else
+                reader([&body](const char *data, size_t size) {
+                    body.append(data, size);
+                    return true;
+                });
+            if (current_wire != nullptr)
+                state_.serve(*current_wire, hreq, body, kTls);
+        };
+        /* Every path (httplib matches its decoded form, which may hold any byte). */
+        const std::string any = "[\\s\\S]*";
+        this->Get(any, handler);
+        this->Options(any, handler);
+        this->Post(any, reading);
+        this->Put(any, reading);
+        this->Patch(any, reading);
+        this->Delete(any, reading);
     }
 
 private:
@@ -428,12 +456,12 @@ bool Request::has_header(const std::string &name) const
 std::map<std::string, std::string> Request::form() const { return parse_pairs(body); }
 std::map<std::string, std::string> Request::query_form() const { return parse_pairs(query); }
 
-Request Cloud::State::parse(const Wire &wire, const httplib::Request &hreq, bool tls) const
+Request Cloud::State::parse(const Wire &wire, const httplib::Request &hreq, const std::string &body, bool tls) const
 {
     Request req;
     req.tls = tls;
     req.method = hreq.method;
-    req.body = hreq.body;
+    req.body = body;
     const std::string &raw = wire.seen();
     size_t head_end = raw.find("\r\n\r\n");
     if (head_end == std::string::npos) {
@@ -456,8 +484,8 @@ Request Cloud::State::parse(const Wire &wire, const httplib::Request &hreq, bool
                 continue;
             req.headers.emplace_back(h.substr(0, colon), trim(h.substr(colon + 1)));
         }
-        /* The body as it came, unless it came in chunks (then httplib's
-         * decoded body is the body). */
+        /* The body as it came, unless it came in chunks (then the decoded
+         * body is the body). */
         std::string length = req.header("Content-Length");
         if (!length.empty() && req.header("Transfer-Encoding").find("chunked") == std::string::npos) {
             size_t n = std::strtoul(length.c_str(), nullptr, 10);
@@ -483,9 +511,9 @@ Handler Cloud::State::find(const std::string &method, const std::string &path) c
 }
 
 /* Records the request, then writes the routed answer (404 when unrouted). */
-void Cloud::State::serve(Wire &wire, const httplib::Request &hreq, bool tls)
+void Cloud::State::serve(Wire &wire, const httplib::Request &hreq, const std::string &body, bool tls)
 {
-    Request req = parse(wire, hreq, tls);
+    Request req = parse(wire, hreq, body, tls);
     {
         std::lock_guard<std::mutex> lock(mutex);
         recorded.push_back(req);
@@ -504,12 +532,13 @@ void Cloud::State::serve(Wire &wire, const httplib::Request &hreq, bool tls)
 
 /* ---- answers ------------------------------------------------------------ */
 
-/* Sleeps in small steps; false when the cloud is being stopped. */
-bool Cloud::State::pause(int ms) const
+/* Sleeps in small steps; false when the cloud is being stopped or the client
+ * has given up (a stalled answer must not hold a worker after either). */
+bool Cloud::State::pause(int ms, const Wire &wire) const
 {
     auto until = Clock::now() + std::chrono::milliseconds(ms);
     while (Clock::now() < until) {
-        if (stopping)
+        if (stopping || wire.peer_gone())
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(std::min<long>(
             kStepMs, std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count() + 1)));
@@ -519,7 +548,7 @@ bool Cloud::State::pause(int ms) const
 
 void Cloud::State::answer(Wire &wire, const Request &req, Reply rep)
 {
-    if (rep.delay_ms > 0 && !pause(rep.delay_ms)) {
+    if (rep.delay_ms > 0 && !pause(rep.delay_ms, wire)) {
         wire.dropped = true;
         return;
     }
@@ -592,7 +621,7 @@ void Cloud::State::answer(Wire &wire, const Request &req, Reply rep)
         }
         if (rep.stall_after >= 0 && !stalled && sent >= static_cast<size_t>(rep.stall_after)) {
             stalled = true;
-            if (!pause(rep.stall_ms)) {
+            if (!pause(rep.stall_ms, wire)) {
                 wire.dropped = true;
                 return;
             }
@@ -617,7 +646,7 @@ void Cloud::State::answer(Wire &wire, const Request &req, Reply rep)
             return;
         }
         sent += n;
-        if (rep.piece_delay_ms > 0 && sent < body.size() && !pause(rep.piece_delay_ms)) {
+        if (rep.piece_delay_ms > 0 && sent < body.size() && !pause(rep.piece_delay_ms, wire)) {
             wire.dropped = true;
             return;
         }
