@@ -40,10 +40,11 @@ int32_t KX_PRINTF_LINKLIST(KX_SDK_LINKLIST_S *list)
 {
     if (list == nullptr || list->count < 1)
         return 0;
-    /* At most count nodes, and never past the tail. */
+    /* At most count nodes, and never past the tail; a node without an item
+     * is shown as "(null)" rather than handed to the formatter as null. */
     const KX_SDK_LIST_NODE_S *node = list->first;
     for (int32_t i = 0; i < list->count && node != nullptr; ++i, node = node->next)
-        KX_LOGI("%s\n", static_cast<const char *>(node->item));
+        KX_LOGI("%s\n", node->item != nullptr ? static_cast<const char *>(node->item) : "(null)");
     return 0;
 }
 
