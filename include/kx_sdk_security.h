@@ -146,9 +146,10 @@ KX_API uint32_t KX_SDK_SIGN_CREATE_SOUNDBAR(const char *text, char *out);
 /* ---- AES-128-CBC with the built-in key pairs --------------------------------- */
 
 /* Raw CBC encryption of length bytes of in into out with key pair A, starting
- * from the fixed IV on every call. No padding is added: length is a multiple
- * of 16 and out holds length bytes. Returns 0, or -1 with "invalid arg!" or
- * "Failed to call AES_set_encrpt_key().". */
+ * from the fixed IV on every call. No padding is added: the caller pads to a
+ * multiple of 16 first (a shorter last block is zero-filled and still written
+ * whole, so out holds length rounded up to 16 bytes). Returns 0, or -1 with
+ * "invalid arg!" or "Failed to call AES_set_encrpt_key().". */
 KX_API int32_t KX_SDK_AES_ENCRYPTION(const char *in, void *out, uint32_t length);
 
 /* CBC decryption of length bytes (a multiple of 16) of in into out (length

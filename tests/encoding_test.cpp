@@ -55,36 +55,29 @@ TEST(Base64, Rfc4648VectorsBothWays)
         EXPECT_EQ(std::string(bytes, static_cast<size_t>(n) + 1), std::string(v[0]) + '\0');
         EXPECT_EQ(bytes[n + 1], '#');  // nothing beyond the terminator
     }
-    std::string all;
+    std::string all;  // every byte value, against an independent encoder
     for (int i = 0; i < 256; ++i)
         all += static_cast<char>(255 - i);
-    std::vector<char> text(4 * 86 + 1);
+    std::vector<char> text(4 * 86 + 1), back(257);
     kx_base64_encode(all.data(), text.data(), static_cast<uint32_t>(all.size()));
     EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(all));
-    std::vector<char> back(257);
     ASSERT_EQ(kx_base64_decode(text.data(), back.data()), 256);
     EXPECT_EQ(std::string(back.data(), 256), all);
 }
 
 TEST(Base64, RefusedTexts)
 {
-    struct Case {
-        const char *text;
-        const char *message;
-    } cases[] = {
-        {"Q===", "kx_base64_decode(): Not a valid base64 encode string\n"},
-        {"QQ=*", "kx_base64_decode(): 0x2a Not a valid base64 encode string\n"},
-        {"QUJDRA", "kx_base64_decode(): Not a valid base64 encode string\n"},      // 6 characters
-        {"QQ==QUJD", "kx_base64_decode(): Not a valid base64 encode string\n"},    // pad before the last group
-        {"QU=D", "kx_base64_decode(): Not a valid base64 encode string\n"},        // data after a pad
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.text);
+    // Three pads, a foreign character, a length not a multiple of 4, a pad
+    // before the last group, data after a pad.
+    for (const char *text : {"Q===", "QQ=*", "QUJDRA", "QQ==QUJD", "QU=D"}) {
+        SCOPED_TRACE(text);
         kxtest::clear_log();
         unsigned char out[16];
         std::memset(out, '#', sizeof out);
-        EXPECT_EQ(kx_base64_decode(c.text, out), -1);
-        EXPECT_EQ(kxtest::log_count(c.message, kxtest::kError), 1);
+        EXPECT_EQ(kx_base64_decode(text, out), -1);
+        const char *message = text[3] == '*' ? "kx_base64_decode(): 0x2a Not a valid base64 encode string\n"
+                                             : "kx_base64_decode(): Not a valid base64 encode string\n";
+        EXPECT_EQ(kxtest::log_count(message, kxtest::kError), 1);
         EXPECT_EQ(out[6], '#');
     }
     unsigned char one[2];
@@ -103,9 +96,6 @@ TEST(Hex, BytesToTextAndBack)
     char text[6];
     std::memset(text, '#', sizeof text);
     KX_SDK_ENCRYPT_TO_STRING(bytes, 2, text);
-    EXPECT_EQ(std::string(text, 5), "00FF#");
-    std::memset(text, '#', sizeof text);
-    KX_SDK_ENCRYPT_TO_HEXSTRING(bytes, 2, text);
     EXPECT_EQ(std::string(text, 5), "00FF#");
 
     unsigned char out[3] = {0, '#', '#'};
@@ -163,8 +153,7 @@ TEST(Aes, PairAEncryptsAsConfiguredAndRoundTrips)
     uint32_t len = 0;
     ASSERT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 32, plain.data(), &len), 0);
     EXPECT_EQ(len, 16u);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(plain.data())), text);
-    EXPECT_EQ(plain, [&] { Bytes z(text.begin(), text.end()); z.resize(32, 0); return z; }());
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(plain.data()), 32), text + std::string(16, '\0'));
 }
 
 TEST(Aes, InvalidPaddingByte)
