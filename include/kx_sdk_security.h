@@ -131,8 +131,8 @@ KX_API void KX_CREATE_RAND_STRING(unsigned char *out, int32_t length);
 
 /* The request signature of text (all strlen(text) bytes) with gpKey:
  * percent-encoded base64 (no "+", "/" or "=" left; 344 characters before
- * encoding for a 2048-bit key) plus a NUL into out, which must hold 513
- * bytes. Returns 0, or (uint32_t)-1 with "invalid arg!" or
+ * encoding for a 2048-bit key) plus a NUL into out, which must hold 512
+ * bytes (an encoded text longer than 511 characters is cut there). Returns 0, or (uint32_t)-1 with "invalid arg!" or
  * "KxSDK2.0 create signature failed" (no key loaded, or kxtvsign failed),
  * leaving out untouched. */
 KX_API uint32_t KX_SDK_SIGN_CREATE(const char *text, void *out);

@@ -86,7 +86,12 @@ KX_API uint32_t KX_SDK_SIGN_CREATE(const char *text, void *out)
     KX_SDK_URLEncode(raw, static_cast<int32_t>(std::strlen(raw)), encoded, 512);
     KX_LOGI("sEnSignature is: %s\n", encoded);
 
-    const std::size_t len = std::strlen(encoded);
+    /* Callers hand in 512 bytes. The encoder can fill all 512 characters
+     * (only when the base64 text carries some 84 or more "+", "/" and "="),
+     * so at most 511 are copied to leave room for the terminator. */
+    std::size_t len = std::strlen(encoded);
+    if (len > 511)
+        len = 511;
     std::memcpy(out, encoded, len);
     static_cast<char *>(out)[len] = '\0';
     return 0;

@@ -85,8 +85,8 @@ TEST(Sign, RequestSignatureWithTheBuiltInKey)
     EXPECT_EQ(BN_cmp(RSA_get0_n(gpKey), RSA_get0_n(kxtest::answer_signing_key())), 0);
 
     const char *text = "appKey=a&deviceId=d&randStr=12345678901234567890123456789012&timeStamp=1700000000";
-    char first[513] = {0};
-    char second[513] = {0};
+    char first[512] = {0};
+    char second[512] = {0};
     kxtest::clear_log();
     ASSERT_EQ(KX_SDK_SIGN_CREATE(text, first), 0u);
     ASSERT_EQ(KX_SDK_SIGN_CREATE(text, second), 0u);
@@ -106,7 +106,7 @@ TEST(Sign, RequestSignatureWithTheBuiltInKey)
 
     // Without a key the signature fails and out stays as it was.
     gpKey = nullptr;
-    char untouched[513] = "unchanged";
+    char untouched[512] = "unchanged";
     kxtest::clear_log();
     EXPECT_EQ(KX_SDK_SIGN_CREATE(text, untouched), static_cast<uint32_t>(-1));
     EXPECT_STREQ(untouched, "unchanged");
