@@ -145,8 +145,11 @@ JsonTree parse_json(const char *fn, const char *answer, std::size_t n)
         KX_LOGE_AS(fn, "reture json is null \n");
         return tree;
     }
-    JsonText printed(cJSON_Print(tree.get()));
-    KX_LOGI_AS(fn, "buf1: %s\n", printed ? printed.get() : "");
+    // The re-print exists only for this line: it is made when the line is.
+    if (vtlDebugCheckLevelGetFrameAndChunk(kx::kLevelInfo)) {
+        JsonText printed(cJSON_Print(tree.get()));
+        KX_LOGI_AS(fn, "buf1: %s\n", printed ? printed.get() : "");
+    }
     return tree;
 }
 
