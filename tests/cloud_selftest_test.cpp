@@ -22,23 +22,18 @@ using kxcloud::Reply;
 struct Fetched {
     CURLcode code = CURLE_OK;
     long status = 0;
-    std::string body;
-    std::string head;
+    std::string body, head;
     curl_off_t length = -2;
     long elapsed_ms = 0;
 };
 
 struct Ask {
-    std::string method = "GET";
-    std::string body;
+    std::string method = "GET", body;
     std::vector<std::string> headers;
-    std::string accept_encoding; /* non-empty: let libcurl decode */
+    const char *accept_encoding = nullptr; /* non-null: let libcurl decode */
     bool decode = true;
-    long resume_from = 0;
+    long resume_from = 0, timeout_ms = 10000;
     bool follow = false;
-    long timeout_ms = 10000;
-    long low_speed_time = 0;
-    std::string ca = kxtest::credentials_dir() + "/ca.pem";
 };
 
 size_t collect(char *data, size_t size, size_t count, void *user)
@@ -51,39 +46,29 @@ Fetched fetch(const std::string &url, const Ask &ask = Ask())
 {
     Fetched out;
     std::unique_ptr<CURL, void (*)(CURL *)> curl(curl_easy_init(), curl_easy_cleanup);
-    struct curl_slist *list = nullptr;
+    std::unique_ptr<curl_slist, void (*)(curl_slist *)> list(nullptr, curl_slist_free_all);
     for (const auto &h : ask.headers)
-        list = curl_slist_append(list, h.c_str());
-    std::unique_ptr<curl_slist, void (*)(curl_slist *)> owned(list, curl_slist_free_all);
+        list.reset(curl_slist_append(list.release(), h.c_str()));
+    std::string ca = kxtest::credentials_dir() + "/ca.pem";
     CURL *c = curl.get();
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c, CURLOPT_CAINFO, ask.ca.c_str());
+    curl_easy_setopt(c, CURLOPT_CAINFO, ca.c_str());
     curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, ask.timeout_ms);
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &out.body);
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, collect);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &out.head);
-    if (list != nullptr)
-        curl_easy_setopt(c, CURLOPT_HTTPHEADER, list);
+    curl_easy_setopt(c, CURLOPT_HTTPHEADER, list.get());
     if (ask.method == "POST") {
         curl_easy_setopt(c, CURLOPT_POSTFIELDS, ask.body.c_str());
         curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(ask.body.size()));
-    } else if (ask.method == "HEAD") {
-        curl_easy_setopt(c, CURLOPT_NOBODY, 1L);
     }
-    if (!ask.accept_encoding.empty())
-        curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, ask.accept_encoding.c_str());
-    if (!ask.decode)
-        curl_easy_setopt(c, CURLOPT_HTTP_CONTENT_DECODING, 0L);
-    if (ask.resume_from > 0)
-        curl_easy_setopt(c, CURLOPT_RESUME_FROM, ask.resume_from);
-    if (ask.follow)
-        curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
-    if (ask.low_speed_time > 0) {
-        curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
-        curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, ask.low_speed_time);
-    }
+    curl_easy_setopt(c, CURLOPT_NOBODY, ask.method == "HEAD" ? 1L : 0L);
+    curl_easy_setopt(c, CURLOPT_ACCEPT_ENCODING, ask.accept_encoding);
+    curl_easy_setopt(c, CURLOPT_HTTP_CONTENT_DECODING, ask.decode ? 1L : 0L);
+    curl_easy_setopt(c, CURLOPT_RESUME_FROM, ask.resume_from);
+    curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, ask.follow ? 1L : 0L);
     auto start = std::chrono::steady_clock::now();
     out.code = curl_easy_perform(c);
     out.elapsed_ms = static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -119,7 +104,6 @@ TEST_F(CloudSelfTest, RecordsTheRequestExactlyAsSent)
     ASSERT_EQ(1u, cloud().requests().size());
     kxcloud::Request r = cloud().last();
     EXPECT_TRUE(r.tls);
-    EXPECT_EQ("POST", r.method);
     EXPECT_EQ("/aaa/sign_in", r.path);
     EXPECT_EQ("x=%20y&q", r.query);
     EXPECT_EQ("/aaa/sign_in?x=%20y&q", r.target);
@@ -141,19 +125,6 @@ TEST_F(CloudSelfTest, RecordsTheRequestExactlyAsSent)
     EXPECT_EQ(query, r.query_form());
 }
 
-TEST_F(CloudSelfTest, RecordsALargeBodyWhole)
-{
-    cloud().route("POST", "/log", [](const kxcloud::Request &r) { return Reply{200, std::to_string(r.body.size())}; });
-    Ask ask;
-    ask.method = "POST";
-    for (int i = 0; ask.body.size() < 300000; ++i)
-        ask.body += std::to_string(i) + ",";
-    Fetched f = fetch(url("/log"), ask);
-    ASSERT_EQ(CURLE_OK, f.code) << f.head;
-    EXPECT_EQ(std::to_string(ask.body.size()), f.body) << f.head;
-    EXPECT_TRUE(ask.body == cloud().last().body) << cloud().last().body.size();
-}
-
 TEST_F(CloudSelfTest, RoutesByMethodAndPathAndAnswersUnroutedWith404)
 {
     cloud().reply("GET", "/a", Reply{200, "get"});
@@ -168,6 +139,11 @@ TEST_F(CloudSelfTest, RoutesByMethodAndPathAndAnswersUnroutedWith404)
     Fetched echo = fetch(url("/echo"), post);
     EXPECT_EQ(201, echo.status);
     EXPECT_EQ("POST x", echo.body);
+    // A body far above httplib's 8 KiB cap for form-encoded posts arrives whole.
+    for (int i = 0; post.body.size() < 300000; ++i)
+        post.body += std::to_string(i) + ",";
+    EXPECT_EQ(CURLE_OK, fetch(url("/echo"), post).code);
+    EXPECT_TRUE(post.body == cloud().last().body) << cloud().last().body.size();
 
     Fetched missing = fetch(url("/nowhere"));
     EXPECT_EQ(404, missing.status);
@@ -190,9 +166,7 @@ TEST_F(CloudSelfTest, TlsIsTrustedThroughTheGeneratedCaOnly)
     other.cert = "other_server";
     Cloud stranger(other);
     stranger.reply("GET", "/t", Reply{200, "ok"});
-    Fetched f = fetch("https://" + stranger.https_domain() + "/t");
-    EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, f.code);
-    EXPECT_EQ("", f.body);
+    EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, fetch("https://" + stranger.https_domain() + "/t").code);
     // The handshake failed, so no request reached the routes.
     EXPECT_TRUE(stranger.requests().empty());
 }

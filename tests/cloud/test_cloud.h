@@ -60,12 +60,14 @@ struct Request {
     std::map<std::string, std::string> query_form() const;
 };
 
-/* What the cloud answers. Reply{200, body} and Reply{200, body, type} are
- * the short forms; every other field is set by name. */
+/* What the cloud answers. Reply{status, body[, type[, headers]]} is the
+ * short form; every other field is set by name. */
 struct Reply {
     Reply() = default;
-    Reply(int status_, std::string body_, std::string content_type_ = "text/plain")
-        : status(status_), body(std::move(body_)), content_type(std::move(content_type_)) {}
+    Reply(int status_, std::string body_ = std::string(), std::string content_type_ = "text/plain",
+          std::vector<std::pair<std::string, std::string>> headers_ = {})
+        : status(status_), body(std::move(body_)), content_type(std::move(content_type_)),
+          headers(std::move(headers_)) {}
 
     int status = 200;
     std::string body;
