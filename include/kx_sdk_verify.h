@@ -53,9 +53,9 @@ KX_API int32_t KX_SDK_XML_VERIFY(FILE *stream);
 /*
  * Verifies the signed JSON answer held in stream and, on success, copies the
  * signed text (the answer without its signatureServer member, closed with
- * "}") into out, NUL-terminated; the file is left unchanged. out is the
- * caller's and must hold at least the answer's size in bytes: no bound is
- * checked. Returns 0 when the signature matches, -1 otherwise (out is then
+ * "}") into out, followed by zeros up to the answer's size less one byte; the
+ * file is left unchanged. out is the caller's and must hold at least the
+ * answer's size in bytes: no bound is checked. Returns 0 when the signature matches, -1 otherwise (out is then
  * not written and the file is emptied).
  */
 KX_API int32_t KX_SDK_JSON_VERIFY(FILE *stream, char *out);

@@ -58,8 +58,8 @@ using XmlText = kx::Owned<xmlChar, free_xml_text>;
 enum class Outcome { verified, unsigned_answer, failed };
 
 /* The answer file after a failed verification: emptied to length 0. Pending
- * stdio data is dropped first so that nothing grows the file again, and the
- * position goes back to the start for the next writer. */
+ * stdio output is written first so that it cannot grow the file again after
+ * the truncation, and the position goes back to the start. */
 void empty_file(std::FILE *stream)
 {
     std::fflush(stream);
