@@ -168,8 +168,9 @@ KX_API int32_t KX_SDK_HTTPS_GET_EXTERNAL_MARK1(const char *ps8Url, KX_SDK_LARGED
 
 /* ---- Download ------------------------------------------------------------- */
 
-/* Asks for `ps8Url`'s size with a HEAD request (libcurl's default time-outs and
- * certificate checks). Returns the Content-Length, -1 when the server gives none
+/* Asks for `ps8Url`'s size with a HEAD request (libcurl's default time-outs,
+ * certificate checks and output: the answer's header lines go to the process's
+ * standard output). Returns the Content-Length, -1 when the server gives none
  * or the request fails, 0 for a null URL and 1 when no handle could be made. */
 KX_API int64_t KX_SDK_GetDownloadFileLenth(const char *ps8Url);
 

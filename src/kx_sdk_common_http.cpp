@@ -276,12 +276,11 @@ private:
 class ListOwner {
 public:
     explicit ListOwner(bool via_helper) : via_helper_(via_helper) {}
+    /* A member without a list never appends to it. */
     ~ListOwner()
     {
         if (via_helper_)
             KX_SDK_CURL_SLIST_FREE(list_);
-        else if (list_ != nullptr)
-            curl_slist_free_all(list_);
     }
     ListOwner(const ListOwner &) = delete;
     ListOwner &operator=(const ListOwner &) = delete;
