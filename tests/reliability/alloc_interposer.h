@@ -1,0 +1,64 @@
+/*
+ * Allocation interposer for the reliability suites.
+ *
+ * The test program itself defines malloc, calloc, realloc and free, so every
+ * heap request of the process (the library, libcurl, OpenSSL, libxml2, zlib,
+ * cJSON, the C library's own fopen and friends) passes through here. Nothing
+ * happens until a thread arms it: from then on that thread's allocations are
+ * counted, the Nth can be made to fail, and every block it obtains is
+ * remembered until freed (by any thread), so that what a call leaves behind
+ * can be counted. Other threads (the test cloud's) are never affected.
+ *
+ * Sanitizer builds bring their own allocator; there the interposer is absent
+ * and active() is false, and leak checking falls to LeakSanitizer.
+ */
+#ifndef KX_RELIABILITY_ALLOC_INTERPOSER_H
+#define KX_RELIABILITY_ALLOC_INTERPOSER_H
+
+#include <cstddef>
+#include <cstdio>
+
+namespace kxrel {
+
+/* True when this program interposes the allocator. */
+bool interposer_active();
+
+/* Start counting this thread's allocations from zero and forget earlier
+ * tracked blocks. fail_at > 0 makes that allocation (1-based) return null;
+ * 0 never fails. */
+void arm(long fail_at);
+/* Change the failure point of an armed thread (0 = no more failures). */
+void set_fail_at(long fail_at);
+/* Stop counting; returns the number of allocations seen while armed. */
+long disarm();
+
+/* Allocations seen since arm(). */
+long allocations();
+/* Whether the planned failure was delivered. */
+bool failure_delivered();
+/* Blocks obtained while armed and not freed yet, and their total size. */
+long live_blocks();
+std::size_t live_bytes();
+/* The table of tracked blocks overflowed (live counts are then unreliable). */
+bool tracking_overflowed();
+/* Writes one line per block still live (size and the function that asked
+ * for it); call it disarmed. */
+void describe_live(std::FILE *out);
+
+/* Test machinery that runs on the armed thread in the middle of a call (the
+ * log sink) steps aside with this guard: its allocations are neither counted,
+ * failed nor tracked. */
+class Paused {
+public:
+    Paused();
+    ~Paused();
+    Paused(const Paused &) = delete;
+    Paused &operator=(const Paused &) = delete;
+
+private:
+    bool was_armed_;
+};
+
+}  // namespace kxrel
+
+#endif

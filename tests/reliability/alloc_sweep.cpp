@@ -1,0 +1,176 @@
+/*
+ * Allocation-failure sweep. For each call of the table: one successful run
+ * counts the allocations the call makes; then the call is run again once for
+ * every N from 1 to that count with allocation N failing. Every run must end
+ * with the call's documented failure result (or a genuine success where the
+ * failed allocation belonged to a dependency that recovers), leave no block
+ * behind (a block left twice in a row at the same N is a leak; once is a
+ * dependency's one-time set-up), and leave the library able to run the call
+ * again.
+ *
+ * Environment: KX_SWEEP_STRIDE=k runs every k-th N only (default 1);
+ * KX_SWEEP_REPORT=file appends one summary line per call; KX_SWEEP_HEALTH=k
+ * checks a clean run after every k failing runs (default 16).
+ */
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "alloc_interposer.h"
+#include "calls.h"
+#include "rel_log.h"
+#include "test_cloud.h"
+
+namespace {
+
+using kxrel::Call;
+using kxrel::Outcome;
+
+/* What a crash report names: written by the signal handler, so plain data. */
+char g_current[160];
+
+void on_crash(int sig)
+{
+    char line[256];
+    int n = snprintf(line, sizeof line, "\nalloc_sweep: signal %d while running %s\n", sig, g_current);
+    if (n > 0)
+        (void)!write(2, line, static_cast<size_t>(n));
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+long env_long(const char *name, long fallback)
+{
+    const char *v = std::getenv(name);
+    return v != nullptr && *v != '\0' ? std::atol(v) : fallback;
+}
+
+std::vector<std::string> sweep_names()
+{
+    std::vector<std::string> names;
+    for (const auto &c : kxrel::calls())
+        if (c.sweep)
+            names.push_back(c.name);
+    return names;
+}
+
+std::string test_name(const testing::TestParamInfo<std::string> &info)
+{
+    std::string n = info.param;
+    for (auto &ch : n)
+        if (!isalnum(static_cast<unsigned char>(ch)))
+            ch = '_';
+    return n;
+}
+
+class Sweep : public testing::TestWithParam<std::string> {
+protected:
+    static void SetUpTestSuite()
+    {
+        signal(SIGSEGV, on_crash);
+        signal(SIGBUS, on_crash);
+        signal(SIGABRT, on_crash);
+        signal(SIGFPE, on_crash);
+        signal(SIGPIPE, SIG_IGN);
+    }
+};
+
+TEST_P(Sweep, EveryAllocationFailureIsSurvived)
+{
+    if (!kxrel::interposer_active()) {
+        GTEST_SKIP() << "the allocator is a sanitizer's in this build";
+    }
+    const Call *call = kxrel::find_call(GetParam());
+    ASSERT_NE(call, nullptr);
+    if (call->plain && !kxrel::cloud().http_ready()) {
+        GTEST_SKIP() << "port 80 is not listening (run inside scripts/in-netns.sh)";
+    }
+
+    snprintf(g_current, sizeof g_current, "%s (counting run)", call->name.c_str());
+    kxrel::run_call(*call, 0); /* dependencies' one-time set-up */
+    kxrel::RunReport base = kxrel::run_call(*call, 0);
+    ASSERT_EQ(base.outcome, Outcome::Success) << "counting run: " << base.why;
+    const long count = base.allocations;
+    const long stride = std::max(1L, env_long("KX_SWEEP_STRIDE", 1));
+    const long health = std::max(1L, env_long("KX_SWEEP_HEALTH", 16));
+
+    long runs = 0, successes = 0, failures = 0, leaks = 0, faults = 0, documented = 0;
+    std::vector<std::string> problems;
+    for (long n = 1; n <= count; n += stride) {
+        snprintf(g_current, sizeof g_current, "%s with allocation %ld of %ld failing", call->name.c_str(), n, count);
+        kxrel::RunReport rep = kxrel::run_call(*call, n);
+        ++runs;
+        if (rep.outcome == Outcome::Fault) {
+            ++faults;
+            problems.push_back("N=" + std::to_string(n) + ": " + rep.why + " (result " + std::to_string(rep.result) + ")");
+        } else if (rep.outcome == Outcome::Success) {
+            ++successes;
+        } else {
+            ++failures;
+        }
+        if (rep.live_blocks > 0) {
+            if (rep.documented_leak) {
+                ++documented;
+            } else {
+                kxrel::RunReport again = kxrel::run_call(*call, n);
+                if (again.live_blocks > 0 && !again.documented_leak) {
+                    ++leaks;
+                    problems.push_back("N=" + std::to_string(n) + ": " + std::to_string(again.live_blocks) +
+                                       " blocks (" + std::to_string(again.live_bytes) + " bytes) leaked");
+                }
+            }
+        }
+        if (runs % health == 0 || n + stride > count) {
+            snprintf(g_current, sizeof g_current, "%s health run after N=%ld", call->name.c_str(), n);
+            kxrel::RunReport ok = kxrel::run_call(*call, 0);
+            if (ok.outcome != Outcome::Success) {
+                ++faults;
+                problems.push_back("after N=" + std::to_string(n) + " the next clean run failed: " + ok.why);
+            }
+        }
+        if (problems.size() > 20)
+            break;
+    }
+
+    char summary[512];
+    snprintf(summary, sizeof summary,
+             "sweep %-34s allocations %5ld runs %5ld  success %5ld  failure %5ld  faults %ld  leaks %ld"
+             "  documented-leak runs %ld\n",
+             call->name.c_str(), count, runs, successes, failures, faults, leaks, documented);
+    fputs(summary, stdout);
+    if (const char *path = std::getenv("KX_SWEEP_REPORT")) {
+        if (FILE *f = fopen(path, "a")) {
+            fputs(summary, f);
+            fclose(f);
+        }
+    }
+    for (const auto &p : problems)
+        ADD_FAILURE() << call->name << " " << p;
+    RecordProperty("allocations", static_cast<int>(count));
+    RecordProperty("runs", static_cast<int>(runs));
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Sweep, testing::ValuesIn(sweep_names()), test_name);
+
+/* The library is built without exceptions; a throwing operator new inside it
+ * would abort the host process on the first failed allocation instead of
+ * returning the call's failure. */
+TEST(Sweep, LibraryImportsNoThrowingNew)
+{
+    FILE *p = popen("nm -D --undefined-only \"$(ldd /proc/self/exe | awk '/libkx_cloud_openapi/ {print $3}')\""
+                    " | grep -E ' _Zn[wa]m' ; true", "r");
+    ASSERT_NE(p, nullptr);
+    char line[256];
+    std::string found;
+    while (fgets(line, sizeof line, p) != nullptr)
+        found += line;
+    pclose(p);
+    EXPECT_EQ(found, "") << "libkx_cloud_openapi imports operator new:\n" << found;
+}
+
+}  // namespace
