@@ -7,10 +7,12 @@
 #include "alloc_interposer.h"
 
 #include <dlfcn.h>
+#include <execinfo.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -38,12 +40,17 @@ __thread bool t_delivered = false;
 
 /* Blocks obtained while armed, by address. Open addressing with tombstones;
  * a run of the largest call stays far below the capacity. */
-constexpr size_t kSlots = 1u << 17;
+constexpr size_t kSlots = 1u << 16;
 constexpr uintptr_t kEmpty = 0;
 constexpr uintptr_t kGone = 1;
 uintptr_t g_slot[kSlots];
 size_t g_size[kSlots];
 void *g_caller[kSlots]; /* who asked for the block, for leak reports */
+/* KX_REL_BACKTRACE=1: whole call chains for leak reports (slower). */
+constexpr int kFrames = 48;
+void *g_frames[kSlots][kFrames];
+bool g_backtrace = false;
+__thread bool t_in_backtrace = false;
 std::atomic<long> g_live{0};
 std::atomic<size_t> g_live_bytes{0};
 std::atomic<bool> g_overflow{false};
@@ -58,7 +65,7 @@ struct Lock {
     ~Lock() { g_lock.clear(std::memory_order_release); }
 };
 
-size_t slot_of(uintptr_t p) { return (p >> 4) * 0x9E3779B97F4A7C15ull >> (64 - 17); }
+size_t slot_of(uintptr_t p) { return (p >> 4) * 0x9E3779B97F4A7C15ull >> (64 - 16); }
 
 void track(void *p, size_t size, void *caller)
 {
@@ -72,6 +79,14 @@ void track(void *p, size_t size, void *caller)
             g_slot[i] = key;
             g_size[i] = size;
             g_caller[i] = caller;
+            g_frames[i][0] = nullptr;
+            if (g_backtrace && !t_in_backtrace) {
+                t_in_backtrace = true;
+                int n = backtrace(g_frames[i], kFrames);
+                if (n < kFrames)
+                    g_frames[i][n] = nullptr;
+                t_in_backtrace = false;
+            }
             g_live.fetch_add(1, std::memory_order_relaxed);
             g_live_bytes.fetch_add(size, std::memory_order_relaxed);
             return;
@@ -99,11 +114,41 @@ void untrack(void *p)
     }
 }
 
+__thread long t_deferred = 0;
+
+/* Known faults of a dependency that a failed allocation would trigger, so
+ * that the sweep cannot tell anything about the library there. libcurl 7.88
+ * frees the copy of its TLS settings twice when an allocation fails while it
+ * stores a TLS session ticket (its new-session callback, run from inside
+ * SSL_read): an allocation whose chain runs from libcurl code called back
+ * from SSL_read is not failed; the failure moves on to the next one. */
+bool dependency_cannot_survive()
+{
+    void *frames[40];
+    int n = backtrace(frames, 40);
+    bool curl_below = false;
+    for (int f = 2; f < n; ++f) {
+        Dl_info info;
+        if (dladdr(frames[f], &info) == 0)
+            continue;
+        if (info.dli_sname != nullptr && std::strcmp(info.dli_sname, "SSL_read") == 0)
+            return curl_below;
+        if (info.dli_fname != nullptr && std::strstr(info.dli_fname, "libcurl") != nullptr)
+            curl_below = true;
+    }
+    return false;
+}
+
 /* One allocation attempt of the armed thread: true = let it fail. */
 bool should_fail()
 {
     ++t_count;
     if (t_fail_at > 0 && t_count == t_fail_at) {
+        if (dependency_cannot_survive()) {
+            ++t_deferred;
+            ++t_fail_at;
+            return false;
+        }
         t_delivered = true;
         return true;
     }
@@ -171,12 +216,50 @@ void free(void *p)
 
 }  // extern "C"
 
+/* Blocks that belong to per-thread state of a dependency rather than to the
+ * call: OpenSSL keeps one text buffer per slot of a thread's error queue (a
+ * ring of 16) and re-sizes it for each new error, so such a buffer can be
+ * born in any run without anything growing. */
+static bool per_thread_state(size_t i)
+{
+    Dl_info info;
+    std::memset(&info, 0, sizeof info);
+    if (dladdr(g_caller[i], &info) == 0 || info.dli_sname == nullptr)
+        return false;
+    return std::strcmp(info.dli_sname, "ERR_vset_error") == 0 || std::strcmp(info.dli_sname, "ERR_add_error_vdata") == 0;
+}
+
+static long count_live(size_t *bytes)
+{
+    long n = 0;
+    size_t total = 0;
+    for (size_t i = 0; i < kSlots; ++i) {
+        if (g_slot[i] == kEmpty || g_slot[i] == kGone || per_thread_state(i))
+            continue;
+        ++n;
+        total += g_size[i];
+    }
+    if (bytes != nullptr)
+        *bytes = total;
+    return n;
+}
+
 namespace kxrel {
 
 bool interposer_active() { return true; }
 
 void arm(long fail_at)
 {
+    static bool once = [] {
+        /* backtrace() loads its unwinder on first use: do that unarmed. */
+        void *frames[2];
+        backtrace(frames, 2);
+        const char *v = getenv("KX_REL_BACKTRACE");
+        if (v != nullptr && *v == '1')
+            g_backtrace = true;
+        return true;
+    }();
+    (void)once;
     {
         Lock lock;
         std::memset(g_slot, 0, sizeof g_slot);
@@ -185,6 +268,7 @@ void arm(long fail_at)
         g_overflow.store(false);
     }
     t_count = 0;
+    t_deferred = 0;
     t_fail_at = fail_at;
     t_delivered = false;
     t_armed = true;
@@ -200,14 +284,76 @@ long disarm()
 
 long allocations() { return t_count; }
 bool failure_delivered() { return t_delivered; }
-long live_blocks() { return g_live.load(); }
-std::size_t live_bytes() { return g_live_bytes.load(); }
+long failures_deferred() { return t_deferred; }
+void set_backtraces(bool on) { g_backtrace = on; }
+
+/* Which side made a block left behind: the library (it called a function
+ * that hands ownership to its caller, or allocated itself) or a dependency
+ * (the block was made inside a call that owns what it creates, such as
+ * curl_easy_perform, and was lost there). Needs backtraces. */
+static bool made_for_library(size_t i)
+{
+    static const char *const owning[] = {
+        "malloc", "calloc", "realloc", "strdup", "strndup", "fopen", "fdopen", "opendir", "open_memstream",
+        "curl_easy_init", "curl_slist_append", "BIO_new", "BIO_new_mem_buf", "PEM_read_bio_RSA_PUBKEY",
+        "PEM_read_RSAPrivateKey", "RSA_new", "xmlReadFd", "xmlReadMemory", "xmlNodeGetContent",
+        "xmlXPathNewContext", "xmlXPathEvalExpression", "cJSON_Parse", "cJSON_ParseWithLength", "cJSON_Print",
+        "cJSON_PrintUnformatted", "cJSON_CreateObject", "cJSON_CreateString", "cJSON_CreateNumber",
+        "cJSON_AddStringToObject", "cJSON_AddNumberToObject", "cJSON_AddItemToObject", "deflateInit2_",
+        "inflateInit2_", "deflate", "inflate", "lws_create_context", "lws_client_connect_via_info", nullptr};
+    const char *callee = nullptr;
+    for (int f = 0; f < kFrames && g_frames[i][f] != nullptr; ++f) {
+        Dl_info info;
+        std::memset(&info, 0, sizeof info);
+        if (dladdr(g_frames[i][f], &info) == 0)
+            continue;
+        if (info.dli_fname != nullptr && std::strstr(info.dli_fname, "libkx_cloud_openapi") != nullptr) {
+            if (callee == nullptr)
+                return true;
+            for (int k = 0; owning[k] != nullptr; ++k)
+                if (std::strcmp(callee, owning[k]) == 0)
+                    return true;
+            return false;
+        }
+        callee = info.dli_sname;
+    }
+    return true; /* no library frame seen: count it, to be safe */
+}
+
+long library_blocks()
+{
+    Lock lock;
+    long n = 0;
+    for (size_t i = 0; i < kSlots; ++i)
+        if (g_slot[i] != kEmpty && g_slot[i] != kGone && !per_thread_state(i) &&
+            (!g_backtrace || made_for_library(i)))
+            ++n;
+    return n;
+}
+
+long live_blocks()
+{
+    if (g_live.load() == 0)
+        return 0;
+    Lock lock;
+    return count_live(nullptr);
+}
+
+std::size_t live_bytes()
+{
+    if (g_live.load() == 0)
+        return 0;
+    Lock lock;
+    size_t bytes = 0;
+    count_live(&bytes);
+    return bytes;
+}
 bool tracking_overflowed() { return g_overflow.load(); }
 
 void describe_live(std::FILE *out)
 {
     for (size_t i = 0; i < kSlots; ++i) {
-        if (g_slot[i] == kEmpty || g_slot[i] == kGone)
+        if (g_slot[i] == kEmpty || g_slot[i] == kGone || per_thread_state(i))
             continue;
         Dl_info info;
         std::memset(&info, 0, sizeof info);
@@ -216,6 +362,14 @@ void describe_live(std::FILE *out)
                      info.dli_sname ? info.dli_sname : "?", info.dli_fname ? info.dli_fname : "?",
                      static_cast<unsigned long>(reinterpret_cast<uintptr_t>(g_caller[i]) -
                                                 reinterpret_cast<uintptr_t>(info.dli_fbase)));
+        for (int f = 0; f < kFrames && g_backtrace && g_frames[i][f] != nullptr; ++f) {
+            std::memset(&info, 0, sizeof info);
+            dladdr(g_frames[i][f], &info);
+            std::fprintf(out, "      at %s (%s+%#lx)\n", info.dli_sname ? info.dli_sname : "?",
+                         info.dli_fname ? info.dli_fname : "?",
+                         static_cast<unsigned long>(reinterpret_cast<uintptr_t>(g_frames[i][f]) -
+                                                    reinterpret_cast<uintptr_t>(info.dli_fbase)));
+        }
     }
 }
 
@@ -233,10 +387,13 @@ void set_fail_at(long) {}
 long disarm() { return 0; }
 long allocations() { return 0; }
 bool failure_delivered() { return false; }
+long failures_deferred() { return 0; }
 long live_blocks() { return 0; }
 std::size_t live_bytes() { return 0; }
 bool tracking_overflowed() { return false; }
 void describe_live(std::FILE *) {}
+void set_backtraces(bool) {}
+long library_blocks() { return 0; }
 Paused::Paused() : was_armed_(false) {}
 Paused::~Paused() {}
 }  // namespace kxrel

@@ -36,11 +36,21 @@ long disarm();
 long allocations();
 /* Whether the planned failure was delivered. */
 bool failure_delivered();
+/* Planned failures moved to a later allocation because they fell on a known
+ * fault of a dependency (see alloc_interposer.cpp). */
+long failures_deferred();
 /* Blocks obtained while armed and not freed yet, and their total size. */
 long live_blocks();
 std::size_t live_bytes();
 /* The table of tracked blocks overflowed (live counts are then unreliable). */
 bool tracking_overflowed();
+/* Record the call chain of every tracked block (slow; KX_REL_BACKTRACE=1
+ * turns it on for the whole run). */
+void set_backtraces(bool on);
+/* Live blocks that the library is answerable for: with backtraces on, blocks
+ * lost inside a dependency call that owns what it makes (libcurl's perform,
+ * OpenSSL's digest) are set aside as the dependency's. */
+long library_blocks();
 /* Writes one line per block still live (size and the function that asked
  * for it); call it disarmed. */
 void describe_live(std::FILE *out);

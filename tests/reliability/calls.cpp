@@ -13,7 +13,7 @@
  */
 #include "calls.h"
 
-#include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -317,64 +317,64 @@ void add_transport(std::vector<Call> &t)
 {
     /* Plain members need the port-80 listener. */
     t.push_back(stream_member("KX_SDK_HTTP_POST_MARK", true, [](Run &r) {
-        return KX_SDK_HTTP_POST_MARK(r.url(kEchoPath).c_str(), "a=1&b=2", 7, &r.stream, 5);
+        return KX_SDK_HTTP_POST_MARK(r.target.c_str(), "a=1&b=2", 7, &r.stream, 5);
     }));
     t.push_back(stream_member("KX_SDK_HTTP_POST", true, [](Run &r) {
-        return KX_SDK_HTTP_POST(r.url(kEchoPath).c_str(), "a=1&b=2", 7, &r.stream);
+        return KX_SDK_HTTP_POST(r.target.c_str(), "a=1&b=2", 7, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_POST_MARK", false, [](Run &r) {
-        return KX_SDK_HTTPS_POST_MARK(r.url(kEchoPath).c_str(), "a=1&b=2", 7, &r.stream, 5);
+        return KX_SDK_HTTPS_POST_MARK(r.target.c_str(), "a=1&b=2", 7, &r.stream, 5);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_POST", false, [](Run &r) {
-        return KX_SDK_HTTPS_POST(r.url(kEchoPath).c_str(), "a=1&b=2", 7, &r.stream);
+        return KX_SDK_HTTPS_POST(r.target.c_str(), "a=1&b=2", 7, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTP_POST_EX", true, [](Run &r) {
-        return KX_SDK_HTTP_POST_EX(r.url(kEchoPath).c_str(), "{\"a\":1}", 7, &r.stream);
+        return KX_SDK_HTTP_POST_EX(r.target.c_str(), "{\"a\":1}", 7, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTP_POST_BINARY", true, [](Run &r) {
-        return KX_SDK_HTTP_POST_BINARY(r.url(kEchoPath).c_str(), "\x01\x02\x03", 3, &r.stream);
+        return KX_SDK_HTTP_POST_BINARY(r.target.c_str(), "\x01\x02\x03", 3, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_POST_EX", false, [](Run &r) {
-        return KX_SDK_HTTPS_POST_EX(r.url(kEchoPath).c_str(), "{\"a\":1}", 7, &r.stream);
+        return KX_SDK_HTTPS_POST_EX(r.target.c_str(), "{\"a\":1}", 7, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_POST_BINARY", false, [](Run &r) {
-        return KX_SDK_HTTPS_POST_BINARY(r.url(kEchoPath).c_str(), "\x01\x02\x03", 3, &r.stream);
+        return KX_SDK_HTTPS_POST_BINARY(r.target.c_str(), "\x01\x02\x03", 3, &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTP_GET", true, [](Run &r) {
-        return KX_SDK_HTTP_GET(r.url(kEchoPath).c_str(), &r.stream);
+        return KX_SDK_HTTP_GET(r.target.c_str(), &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_GET", false, [](Run &r) {
-        return KX_SDK_HTTPS_GET(r.url(kEchoPath).c_str(), &r.stream);
+        return KX_SDK_HTTPS_GET(r.target.c_str(), &r.stream);
     }));
     t.push_back(stream_member("KX_SDK_HTTPS_GET_WITH_TIMEOUT", false, [](Run &r) {
-        return KX_SDK_HTTPS_GET_WITH_TIMEOUT(r.url(kEchoPath).c_str(), &r.stream, 20);
+        return KX_SDK_HTTPS_GET_WITH_TIMEOUT(r.target.c_str(), &r.stream, 20);
     }));
     t.push_back(stream_member("KX_SDK_HTTP_GET_BACK", false, [](Run &r) {
-        return KX_SDK_HTTP_GET_BACK(r.url(kEchoPath).c_str(), &r.stream);
+        return KX_SDK_HTTP_GET_BACK(r.target.c_str(), &r.stream);
     }));
     t.push_back(record_member("KX_SDK_HTTP_POST_EXTERNAL_MARK", true, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTP_POST_EXTERNAL_MARK(r.url(kEchoPath).c_str(), "x=1", 3, r.record.get(), h, n, 5);
+        return KX_SDK_HTTP_POST_EXTERNAL_MARK(r.target.c_str(), "x=1", 3, r.record.get(), h, n, 5);
     }));
     t.push_back(record_member("KX_SDK_HTTP_POST_EXTERNAL", true, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTP_POST_EXTERNAL(r.url(kEchoPath).c_str(), "x=1", 3, r.record.get(), h, n);
+        return KX_SDK_HTTP_POST_EXTERNAL(r.target.c_str(), "x=1", 3, r.record.get(), h, n);
     }));
     t.push_back(record_member("KX_SDK_HTTPS_POST_EXTERNAL_MARK", false, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTPS_POST_EXTERNAL_MARK(r.url(kEchoPath).c_str(), "x=1", 3, r.record.get(), h, n, 5);
+        return KX_SDK_HTTPS_POST_EXTERNAL_MARK(r.target.c_str(), "x=1", 3, r.record.get(), h, n, 5);
     }));
     t.push_back(record_member("KX_SDK_HTTPS_POST_EXTERNAL", false, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTPS_POST_EXTERNAL(r.url(kEchoPath).c_str(), "x=1", 3, r.record.get(), h, n);
+        return KX_SDK_HTTPS_POST_EXTERNAL(r.target.c_str(), "x=1", 3, r.record.get(), h, n);
     }));
     t.push_back(record_member("KX_SDK_HTTP_GET_EXTERNAL_MARK", true, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTP_GET_EXTERNAL_MARK(r.url(kEchoPath).c_str(), r.record.get(), h, n, 5);
+        return KX_SDK_HTTP_GET_EXTERNAL_MARK(r.target.c_str(), r.record.get(), h, n, 5);
     }));
     t.push_back(record_member("KX_SDK_HTTP_GET_EXTERNAL", true, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTP_GET_EXTERNAL(r.url(kEchoPath).c_str(), r.record.get(), h, n);
+        return KX_SDK_HTTP_GET_EXTERNAL(r.target.c_str(), r.record.get(), h, n);
     }));
     t.push_back(record_member("KX_SDK_HTTPS_GET_EXTERNAL_MARK", false, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTPS_GET_EXTERNAL_MARK(r.url(kEchoPath).c_str(), r.record.get(), h, n, 5);
+        return KX_SDK_HTTPS_GET_EXTERNAL_MARK(r.target.c_str(), r.record.get(), h, n, 5);
     }));
     t.push_back(record_member("KX_SDK_HTTPS_GET_EXTERNAL", false, [](Run &r, const KX_SDK_HTTP_HEADER_S *h, int32_t n) {
-        return KX_SDK_HTTPS_GET_EXTERNAL(r.url(kEchoPath).c_str(), r.record.get(), h, n);
+        return KX_SDK_HTTPS_GET_EXTERNAL(r.target.c_str(), r.record.get(), h, n);
     }));
     {
         Call c;
@@ -389,7 +389,7 @@ void add_transport(std::vector<Call> &t)
         };
         c.invoke = [](Run &r) -> int64_t {
             KX_SDK_HTTP_HEADER_S h = {"X-Rel-One", "1"};
-            return KX_SDK_HTTPS_GET_EXTERNAL_MARK1(r.url(kEchoPath).c_str(), &r.large, &h, 1, 5);
+            return KX_SDK_HTTPS_GET_EXTERNAL_MARK1(r.target.c_str(), &r.large, &h, 1, 5);
         };
         c.judge = [](Run &r, int64_t result) {
             if (result == 0 && std::string(r.large.buffer, r.large.used) != kRawBody)
@@ -405,7 +405,7 @@ void add_transport(std::vector<Call> &t)
         c.path = kEchoPath;
         c.answer = Answer::Raw;
         c.plain = true;
-        c.invoke = [](Run &r) -> int64_t { return KX_SDK_GetDownloadFileLenth(r.url(kEchoPath).c_str()); };
+        c.invoke = [](Run &r) -> int64_t { return KX_SDK_GetDownloadFileLenth(r.target.c_str()); };
         c.judge = [](Run &r, int64_t result) {
             if (result == static_cast<int64_t>(sizeof kRawBody - 1))
                 return Outcome::Success;
@@ -417,10 +417,10 @@ void add_transport(std::vector<Call> &t)
         t.push_back(c);
     }
     t.push_back(download("KX_SDK_DownloadFileByCurl", [](Run &r) {
-        return KX_SDK_DownloadFileByCurl(r.url(kEchoPath).c_str(), r.stream, 0, write_to_stream, progress_ok);
+        return KX_SDK_DownloadFileByCurl(r.target.c_str(), r.stream, 0, write_to_stream, progress_ok);
     }));
     t.push_back(download("KX_SDK_DownloadFileByCurl_Mark", [](Run &r) {
-        return KX_SDK_DownloadFileByCurl_Mark(r.url(kEchoPath).c_str(), r.stream, 0, write_to_stream, progress_ok, 5);
+        return KX_SDK_DownloadFileByCurl_Mark(r.target.c_str(), r.stream, 0, write_to_stream, progress_ok, 5);
     }));
 }
 
@@ -872,6 +872,7 @@ RunReport run_call(const Call &call, long fail_at, bool reroute)
     r.plain = call.plain;
     r.domain = call.plain ? cloud().http_domain() : cloud().https_domain();
     r.base = call.plain ? "http://" + cloud().http_domain() + ":80" : "https://" + cloud().https_domain();
+    r.target = r.url(call.path);
     if (call.prepare)
         call.prepare(r);
     log_clear();
@@ -882,6 +883,7 @@ RunReport run_call(const Call &call, long fail_at, bool reroute)
     report.result = call.invoke(r);
     if (armed) {
         report.failure_delivered = failure_delivered();
+        report.failures_deferred = failures_deferred();
         set_fail_at(0);
     }
     /* The judge looks before release closes the stream or frees the output;
@@ -894,15 +896,16 @@ RunReport run_call(const Call &call, long fail_at, bool reroute)
     }
     if (call.release)
         call.release(r);
-    /* libcurl's TLS set-up leaves entries in the calling thread's OpenSSL
-     * error queue, whose slots keep (and re-size) their text buffers for
-     * later errors: per-thread state, bounded, not a leak. Releasing the
-     * thread's OpenSSL state here keeps it out of the count. */
-    OPENSSL_thread_stop();
+    /* Entries that libcurl, OpenSSL or the call left in this thread's
+     * OpenSSL error queue hold copies of their source names until the slot
+     * is reused: clear the queue before counting (its slots' text buffers
+     * are per-thread state, set aside by the interposer). */
+    ERR_clear_error();
     if (armed) {
         report.allocations = disarm();
         report.live_blocks = live_blocks();
         report.live_bytes = live_bytes();
+        report.library_blocks = report.live_blocks > 0 ? library_blocks() : 0;
         if (report.live_blocks > 0) {
             char *text = nullptr;
             size_t size = 0;

@@ -49,6 +49,7 @@ struct Run {
     bool plain = false;          /* the record's u32ChangeToHttp is 1 */
     std::string domain;          /* the domain the call is given */
     std::string base;            /* "https://127.0.0.1:PORT" or "http://127.0.0.1:80" */
+    std::string target;          /* base + the call's path, made before the call */
     std::string file;            /* answer file the call writes, or the caller stream's file */
     FILE *stream = nullptr;      /* caller-opened stream */
     std::vector<char> buffer;    /* caller's result buffer, zeroed */
@@ -114,7 +115,9 @@ struct RunReport {
     long allocations = 0;        /* seen while the call ran */
     long live_blocks = 0;        /* left behind after release */
     size_t live_bytes = 0;
+    long library_blocks = 0;     /* of those, the library's (see alloc_interposer.h) */
     bool failure_delivered = false;
+    long failures_deferred = 0;
     bool documented_leak = false;
     std::string why;
     std::string live_detail;     /* who asked for the blocks left behind */
