@@ -182,8 +182,12 @@ INSTANTIATE_TEST_SUITE_P(Table, Sweep, testing::ValuesIn(sweep_names()), test_na
  * returning the call's failure. */
 TEST(Sweep, LibraryImportsNoThrowingNew)
 {
-    FILE *p = popen("nm -D --undefined-only \"$(ldd /proc/self/exe | awk '/libkx_cloud_openapi/ {print $3}')\""
-                    " | grep -E ' _Zn[wa]m' ; true", "r");
+    char command[512];
+    snprintf(command, sizeof command,
+             "lib=$(ldd /proc/%d/exe | awk '/libkx_cloud_openapi/ {print $3}'); test -f \"$lib\" || echo missing;"
+             " nm -D --undefined-only \"$lib\" | grep -E ' _Zn[wa]m' ; true",
+             static_cast<int>(getpid()));
+    FILE *p = popen(command, "r");
     ASSERT_NE(p, nullptr);
     char line[256];
     std::string found;

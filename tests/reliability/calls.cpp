@@ -557,6 +557,19 @@ void unload_key(Run &)
     gpKey = nullptr;
 }
 
+/* A key load that fails must leave gpKey null: a later KX_GLOBAL_DEINIT
+ * releases whatever gpKey holds, and every verification reads it. */
+Outcome judge_key_load(Run &r, int64_t result)
+{
+    if (log_contains("Init public key faild!") && gpKey != nullptr) {
+        gpKey = nullptr; /* the harness's own release must not free it again */
+        return r.fault("the key failed to load but gpKey still holds the released key");
+    }
+    if (result == 0 && gpKey == nullptr)
+        return r.fault("0 but gpKey is null");
+    return judge_plain(r, result);
+}
+
 std::string gz_of_text()
 {
     return kxcloud::gzip_bytes(std::string(300, 'k') + kRawBody);
@@ -566,16 +579,11 @@ void add_security(std::vector<Call> &t)
 {
     {
         Call c = simple("KX_INIT_PUBLICKEY", "security", [](Run &) -> int64_t { return KX_INIT_PUBLICKEY(); },
-                        [](Run &r, int64_t result) {
-                            if (result == 0 && gpKey == nullptr)
-                                return r.fault("0 but gpKey is null");
-                            if (result == -1 && gpKey != nullptr)
-                                return r.fault("-1 but gpKey is set");
-                            return judge_plain(r, result);
-                        },
-                        unload_key);
-        /* The loaded key is the process's: unload before, reload after (see run_call). */
-        c.prepare = unload_key;
+                        judge_key_load, unload_key);
+        /* The loaded key is the process's: released before (gpKey then
+         * still holds the released address, as after KX_GLOBAL_DEINIT), and
+         * after the run (see run_call, which reloads it). */
+        c.prepare = [](Run &) { KX_UNINIT_PUBLICKEY(); };
         c.documented_leak = [](Run &) { return log_contains("failed to read public key."); };
         t.push_back(c);
     }
@@ -704,6 +712,10 @@ void add_frame(std::vector<Call> &t)
                                 return r.fault("0 but not initialised");
                             if (result == -1 && bGlobalInited != 0)
                                 return r.fault("-1 but initialised");
+                            if (log_contains("Init public key faild!") && gpKey != nullptr) {
+                                gpKey = nullptr;
+                                return r.fault("the key failed to load but gpKey still holds the released key");
+                            }
                             return judge_plain(r, result);
                         },
                         [](Run &) { KX_GLOBAL_DEINIT(); });
