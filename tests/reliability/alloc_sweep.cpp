@@ -100,9 +100,7 @@ TEST_P(Sweep, EveryAllocationFailureIsSurvived)
     const long count = base.allocations;
     /* TLS calls make thousands of allocations (most in the handshake): they
      * may be given a coarser stride of their own. */
-    const bool tls = call->family != "account" ? call->name.find("HTTPS") != std::string::npos ||
-                                                      call->name.find("GET_BACK") != std::string::npos
-                                               : !call->plain;
+    const bool tls = !call->path.empty() && !call->plain;
     const long stride = std::max(1L, env_long(tls ? "KX_SWEEP_TLS_STRIDE" : "KX_SWEEP_STRIDE",
                                               env_long("KX_SWEEP_STRIDE", 1)));
     const long health = std::max(1L, env_long("KX_SWEEP_HEALTH", 16));

@@ -13,6 +13,7 @@
  */
 #include "calls.h"
 
+#include <libxml/xmlerror.h>
 #include <openssl/err.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -121,6 +122,7 @@ Call json_account(const char *name, const char *path, const char *file, bool pla
     c.path = path;
     c.answer = Answer::Json;
     c.plain = plain;
+    c.signed_answer = signature_checked;
     std::string f = file;
     c.prepare = [f](Run &r) {
         r.file = f;
@@ -156,7 +158,10 @@ Call xml_account(const char *name, const char *path, bool plain, std::function<i
     c.path = path;
     c.answer = Answer::Xml;
     c.plain = plain;
-    c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_xml_stream.xml"); };
+    c.signed_answer = true;
+    /* A stream of its own per call, so calls can run side by side. */
+    std::string stream_path = "/tmp/kxrel_stream_" + std::string(name) + (plain ? "_http" : "") + ".xml";
+    c.prepare = [stream_path](Run &r) { open_stream(r, stream_path); };
     c.invoke = [fn](Run &r) -> int64_t { return fn(r); };
     c.judge = [](Run &r, int64_t result) {
         std::string left = stream_text(r.stream);
@@ -245,7 +250,8 @@ Call stream_member(const char *name, bool plain, std::function<int32_t(Run &)> f
     c.path = kEchoPath;
     c.answer = Answer::Raw;
     c.plain = plain;
-    c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_transport_stream"); };
+    std::string stream_path = "/tmp/kxrel_stream_" + std::string(name);
+    c.prepare = [stream_path](Run &r) { open_stream(r, stream_path); };
     c.invoke = [fn](Run &r) -> int64_t { return fn(r); };
     c.judge = [](Run &r, int64_t result) {
         if (result == 0 && stream_text(r.stream) != kRawBody)
@@ -296,6 +302,7 @@ Call download(const char *name, std::function<int32_t(Run &)> fn)
     c.family = "transport";
     c.path = kEchoPath;
     c.answer = Answer::Raw;
+    c.judges_status = false; /* the download writes whatever the server sends */
     c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_download"); };
     c.invoke = [fn](Run &r) -> int64_t {
         int64_t result = fn(r);
@@ -402,6 +409,7 @@ void add_transport(std::vector<Call> &t)
         Call c;
         c.name = "KX_SDK_GetDownloadFileLenth";
         c.family = "transport";
+        c.judges_status = false;
         c.path = kEchoPath;
         c.answer = Answer::Raw;
         c.plain = true;
@@ -432,8 +440,9 @@ Call file_verifier(const char *name, Answer kind, std::function<int32_t(Run &)> 
     Call c;
     c.name = name;
     c.family = "verify";
-    c.prepare = [kind](Run &r) {
-        open_stream(r, "/tmp/kxrel_verify_answer", good_answer(kind));
+    std::string path = "/tmp/kxrel_answer_" + std::string(name);
+    c.prepare = [kind, path](Run &r) {
+        open_stream(r, path, good_answer(kind));
         r.buffer.assign(64 * 1024, '\0');
     };
     c.invoke = [fn](Run &r) -> int64_t { return fn(r); };
@@ -781,8 +790,15 @@ void add_frame(std::vector<Call> &t)
         c.note = "its list nodes come from KX_SDK_ADDNODE, whose allocation is documented as unchecked";
         t.push_back(c);
     }
-    t.push_back(simple("KX_SDK_FREE", "frame", [](Run &) -> int64_t { return KX_SDK_FREE(calloc(1, 16)); },
-                       [](Run &r, int64_t result) { return result == 0 ? Outcome::Success : r.fault("not freed"); }));
+    {
+        Call c = simple("KX_SDK_FREE", "frame", [](Run &r) -> int64_t {
+            int32_t result = KX_SDK_FREE(r.out);
+            r.out = nullptr;
+            return result;
+        }, [](Run &r, int64_t result) { return result == 0 ? Outcome::Success : r.fault("not freed"); });
+        c.prepare = [](Run &r) { r.out = static_cast<char *>(calloc(1, 16)); };
+        t.push_back(c);
+    }
 }
 
 std::vector<Call> build_table()
@@ -854,7 +870,10 @@ kxcloud::Cloud &cloud() { return kxcloud::Cloud::shared(); }
 
 void ensure_initialised()
 {
-    if (bGlobalInited == 0)
+    pthread_mutex_lock(&sGlobalInitMutex);
+    bool inited = bGlobalInited != 0;
+    pthread_mutex_unlock(&sGlobalInitMutex);
+    if (!inited)
         KX_GLOBAL_INIT("127.0.0.1");
     if (gpKey == nullptr)
         KX_INIT_PUBLICKEY();
@@ -873,7 +892,7 @@ void route_good(const Call &call)
     cloud().reply("*", call.path, reply);
 }
 
-RunReport run_call(const Call &call, long fail_at, bool reroute)
+RunReport run_call(const Call &call, long fail_at, bool reroute, const std::function<void(Run &)> &tweak)
 {
     RunReport report;
     ensure_initialised();
@@ -887,6 +906,8 @@ RunReport run_call(const Call &call, long fail_at, bool reroute)
     r.target = r.url(call.path);
     if (call.prepare)
         call.prepare(r);
+    if (tweak)
+        tweak(r);
     log_clear();
 
     bool armed = fail_at >= 0 && interposer_active();
@@ -911,8 +932,10 @@ RunReport run_call(const Call &call, long fail_at, bool reroute)
     /* Entries that libcurl, OpenSSL or the call left in this thread's
      * OpenSSL error queue hold copies of their source names until the slot
      * is reused: clear the queue before counting (its slots' text buffers
-     * are per-thread state, set aside by the interposer). */
+     * are per-thread state, set aside by the interposer). libxml2 likewise
+     * keeps a copy of the thread's last error until the next one. */
     ERR_clear_error();
+    xmlResetLastError();
     if (armed) {
         report.allocations = disarm();
         report.live_blocks = live_blocks();

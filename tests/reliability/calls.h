@@ -82,6 +82,8 @@ struct Call {
     Answer answer = Answer::None;
     bool plain = false;   /* needs the port-80 listener */
     bool sweep = true;    /* false: the call documents an unchecked allocation */
+    bool signed_answer = false; /* its verdict depends on the answer's signature */
+    bool judges_status = true;  /* an HTTP error status fails the transfer */
     std::string note;     /* why it is left out of the sweep */
     std::function<void(Run &)> prepare;
     std::function<int64_t(Run &)> invoke;
@@ -122,7 +124,10 @@ struct RunReport {
     std::string why;
     std::string live_detail;     /* who asked for the blocks left behind */
 };
-RunReport run_call(const Call &call, long fail_at, bool reroute = true);
+/* `tweak`, when given, runs after prepare and may point the run elsewhere
+ * (another domain, another target). */
+RunReport run_call(const Call &call, long fail_at, bool reroute = true,
+                   const std::function<void(Run &)> &tweak = nullptr);
 
 }  // namespace kxrel
 
