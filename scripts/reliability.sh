@@ -11,7 +11,9 @@
 #   scripts/reliability.sh ci               sweep --ci, valgrind, tsan and fuzz, as CI runs them
 #
 # Each check has its own build directory under build/ (BUILD_ROOT overrides)
-# and runs the test programs inside a private network namespace.
+# and runs the test programs inside a private network namespace. The sweep
+# and the valgrind pass can reuse an existing test build instead
+# (REUSE_BUILD=build/test, as CI does after scripts/test.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=${BUILD_ROOT:-build}
@@ -19,12 +21,13 @@ jobs=${JOBS:-2}
 
 configure() { # dir, extra cmake arguments...
   local dir=$1; shift
+  if [ -n "${REUSE_BUILD:-}" ] && [ "$dir" = "$REUSE_BUILD" ]; then return; fi
   rm -rf "$dir/testcloud"
   cmake -S . -B "$dir" -DKX_BUILD_TESTS=ON -DKX_BUILD_EXAMPLES=OFF "$@" >/dev/null
 }
 
 sweep() {
-  local dir=$root/sweep report
+  local dir=${REUSE_BUILD:-$root/reliability} report
   configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo
   cmake --build "$dir" --target alloc_sweep -j"$jobs" >/dev/null
   report=$dir/sweep-report.txt
@@ -46,7 +49,7 @@ sweep() {
 }
 
 valgrind_check() {
-  local dir=$root/valgrind suites status=0 prog log
+  local dir=${REUSE_BUILD:-$root/reliability} suites status=0 prog log
   command -v valgrind >/dev/null || scripts/install-deps.sh valgrind
   configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo
   if [ "${1:-}" = "--all" ]; then

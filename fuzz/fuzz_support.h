@@ -1,0 +1,37 @@
+/*
+ * Shared pieces of the fuzz targets: the debug-log pair (every line is
+ * formatted, so a bad argument to a log line is caught, and then dropped),
+ * and exact-size heap copies so that a read or write past what a routine
+ * may touch lands outside the allocation and is reported.
+ */
+#ifndef KX_FUZZ_SUPPORT_H
+#define KX_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace kxfuzz {
+
+struct Free {
+    void operator()(void *p) const { std::free(p); }
+};
+using Bytes = std::unique_ptr<char, Free>;
+
+/* The input as a NUL-terminated text of exactly size + 1 bytes. */
+inline Bytes text_of(const uint8_t *data, size_t size)
+{
+    Bytes b(static_cast<char *>(std::malloc(size + 1)));
+    std::memcpy(b.get(), data, size);
+    b.get()[size] = '\0';
+    return b;
+}
+
+/* A zeroed buffer of exactly n bytes (at least 1). */
+inline Bytes zeroed(size_t n) { return Bytes(static_cast<char *>(std::calloc(n ? n : 1, 1))); }
+
+}  // namespace kxfuzz
+
+#endif
