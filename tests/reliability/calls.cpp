@@ -15,6 +15,8 @@
 
 #include <libxml/xmlerror.h>
 #include <openssl/err.h>
+#include <curl/curl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -801,6 +803,209 @@ void add_frame(std::vector<Call> &t)
     }
 }
 
+
+/* ---- routines that allocate nothing: in the table so that every exported
+ * call runs under valgrind and the sanitizers, with its product checked ---- */
+
+Outcome expect_text(Run &r, const std::string &text)
+{
+    if (std::string(r.buffer.data()) != text)
+        return r.fault("wrote \"" + std::string(r.buffer.data()).substr(0, 80) + "\", not \"" + text + "\"");
+    return Outcome::Success;
+}
+
+void add_plain_routines(std::vector<Call> &t)
+{
+    t.push_back(simple("kx_base64_encode", "security", [](Run &r) -> int64_t {
+        kx_base64_encode("reliability", r.buffer.data(), 11);
+        return 0;
+    }, [](Run &r, int64_t) { return expect_text(r, "cmVsaWFiaWxpdHk="); }));
+    t.push_back(simple("ChangeToByte", "security", [](Run &r) -> int64_t {
+        return ChangeToByte("0A1BFF", r.buffer.data());
+    }, [](Run &r, int64_t result) {
+        return result == 3 && std::memcmp(r.buffer.data(), "\x0A\x1B\xFF", 3) == 0 ? Outcome::Success
+                                                                                   : r.fault("wrong bytes");
+    }));
+    t.push_back(simple("KX_CREATE_RAND_STRING", "security", [](Run &r) -> int64_t {
+        KX_CREATE_RAND_STRING(reinterpret_cast<unsigned char *>(r.buffer.data()), 32);
+        return 0;
+    }, [](Run &r, int64_t) {
+        std::string s = r.buffer.data();
+        return s.size() == 32 && s.find_first_not_of("0123456789") == std::string::npos ? Outcome::Success
+                                                                                        : r.fault("not 32 digits");
+    }));
+    t.push_back(simple("KX_SDK_ENCRYPT_TO_STRING", "security", [](Run &r) -> int64_t {
+        KX_SDK_ENCRYPT_TO_STRING("\x00\xff", 2, r.buffer.data());
+        return 0;
+    }, [](Run &r, int64_t) { return expect_text(r, "00FF"); }));
+    t.push_back(simple("KX_SDK_ENCRYPT_TO_HEXSTRING", "security", [](Run &r) -> int64_t {
+        KX_SDK_ENCRYPT_TO_HEXSTRING("\x12\xab", 2, r.buffer.data());
+        return 0;
+    }, [](Run &r, int64_t) { return expect_text(r, "12AB"); }));
+    t.push_back(simple("KX_SDK_HEXSTRING_TO_ENCRYPT", "security", [](Run &r) -> int64_t {
+        KX_SDK_HEXSTRING_TO_ENCRYPT("ABC", r.buffer.data());
+        return 0;
+    }, [](Run &r, int64_t) {
+        return r.buffer[0] == '\xAB' && r.buffer[1] == 0 ? Outcome::Success : r.fault("wrong bytes");
+    }));
+    t.push_back(simple("KX_SDK_URLEncode", "security", [](Run &r) -> int64_t {
+        return KX_SDK_URLEncode("a b~", 4, r.buffer.data(), 64);
+    }, [](Run &r, int64_t result) { return result == 6 ? expect_text(r, "a+b%7E") : r.fault("length"); }));
+    {
+        /* Round trip through pair A: a padded block out and back. */
+        Call c = simple("KX_SDK_AES_ENCRYPTION", "security", [](Run &r) -> int64_t {
+            return KX_SDK_AES_ENCRYPTION("fifteen chars!!\x01", r.buffer.data(), 16);
+        }, [](Run &r, int64_t result) {
+            uint32_t n = 0;
+            char plain[32] = {0};
+            if (result == 0 && (KX_SDK_AES_DECRYPT(r.buffer.data(), 16, plain, &n) != 0 || n != 15 ||
+                                std::string(plain) != "fifteen chars!!"))
+                return r.fault("the cipher text does not decrypt back");
+            return judge_plain(r, result);
+        });
+        t.push_back(c);
+    }
+    t.push_back(simple("KX_SDK_AES_DECRYPT", "security", [](Run &r) -> int64_t {
+        char cipher[16];
+        KX_SDK_AES_ENCRYPTION("abc\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d\x0d", cipher, 16);
+        return KX_SDK_AES_DECRYPT(cipher, 16, r.buffer.data(), &r.outlen);
+    }, [](Run &r, int64_t result) {
+        if (result == 0 && (r.outlen != 3 || std::string(r.buffer.data()) != "abc"))
+            return r.fault("wrong plain text");
+        return judge_plain(r, result);
+    }));
+    t.push_back(simple("KX_SDK_JUDGE_XML_FORM", "transport", [](Run &) -> int64_t {
+        return KX_SDK_JUDGE_XML_FORM(" \n<?xml version=\"1.0\"?><a/>") == 1 && KX_SDK_JUDGE_XML_FORM("<?xmL?>") == 0 &&
+                       KX_SDK_JUDGE_XML_FORM(nullptr) == 0
+                   ? 0
+                   : -1;
+    }, [](Run &r, int64_t result) { return result == 0 ? Outcome::Success : r.fault("misjudged"); }));
+    {
+        Call c = simple("WRITE_DATA", "transport", [](Run &r) -> int64_t {
+            char chunk[] = "chunk";
+            return static_cast<int64_t>(WRITE_DATA(chunk, 1, 5, &r.stream));
+        }, [](Run &r, int64_t result) {
+            return result == 5 && stream_text(r.stream) == "earlier chunk" ? Outcome::Success : r.fault("not appended");
+        }, close_stream);
+        c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_stream_WRITE_DATA", "earlier "); };
+        t.push_back(c);
+    }
+    {
+        /* The inline record's bound is inclusive: two bytes fill it, a third is refused whole. */
+        Call c = simple("WRITE_DATA1", "transport", [](Run &r) -> int64_t {
+            char chunk[] = "abc";
+            size_t fits = WRITE_DATA1(chunk, 1, 2, r.record.get());
+            size_t over = WRITE_DATA1(chunk, 1, 1, r.record.get());
+            return fits == 2 && over == 0 ? 0 : -1;
+        }, [](Run &r, int64_t result) {
+            if (result != 0 || r.record->used != KX_SDK_DATA_BUF_SIZE ||
+                std::memcmp(r.record->data + KX_SDK_DATA_BUF_SIZE - 2, "ab", 2) != 0)
+                return r.fault("the record's bound is not exact");
+            return Outcome::Success;
+        });
+        c.prepare = [](Run &r) {
+            r.record.reset(new KX_SDK_DATA_BUF_S);
+            std::memset(r.record.get(), 0, sizeof *r.record);
+            r.record->used = KX_SDK_DATA_BUF_SIZE - 2;
+        };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("WRITE_LARGEDATA", "transport", [](Run &r) -> int64_t {
+            char chunk[] = "abcdefgh";
+            size_t fits = WRITE_LARGEDATA(chunk, 1, 2, &r.large);
+            size_t over = WRITE_LARGEDATA(chunk, 1, 3, &r.large);
+            return fits == 2 && over == 0 ? 0 : -1;
+        }, [](Run &r, int64_t result) {
+            if (result != 0 || r.large.used != KX_SDK_LARGEDATA_SIZE)
+                return r.fault("the large record's bound is not exact");
+            if (!log_contains("OOM: size=[1] totalsize=[3] offset=[204800]"))
+                return r.fault("the refusal was not logged");
+            return Outcome::Success;
+        });
+        c.prepare = [](Run &r) {
+            r.large_area.assign(KX_SDK_LARGEDATA_SIZE, '\0');
+            r.large.buffer = r.large_area.data();
+            r.large.used = KX_SDK_LARGEDATA_SIZE - 2;
+        };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("sockopt_callback", "transport", [](Run &r) -> int64_t {
+            int mark = 5;
+            return sockopt_callback(&mark, static_cast<curl_socket_t>(r.outlen), CURLSOCKTYPE_IPCXN);
+        }, [](Run &r, int64_t result) {
+            /* Setting a mark needs the network-administration privilege. */
+            int64_t expected = geteuid() == 0 ? 0 : 1;
+            return result == expected ? Outcome::Success : r.fault("result " + std::to_string(result));
+        }, [](Run &r) { close(static_cast<int>(r.outlen)); });
+        c.prepare = [](Run &r) { r.outlen = static_cast<uint32_t>(socket(AF_INET, SOCK_STREAM, 0)); };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("KX_SDK_CURL_SLIST_FREE", "transport", [](Run &r) -> int64_t {
+            return KX_SDK_CURL_SLIST_FREE(reinterpret_cast<curl_slist *>(r.out)) == 0 && KX_SDK_CURL_SLIST_FREE(nullptr) == -1
+                       ? 0
+                       : -1;
+        });
+        c.prepare = [](Run &r) { r.out = reinterpret_cast<char *>(curl_slist_append(nullptr, "X-Rel: 1")); };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("KX_SDK_CURL_EASY_CLEANUP", "transport", [](Run &r) -> int64_t {
+            return KX_SDK_CURL_EASY_CLEANUP(reinterpret_cast<CURL *>(r.out)) == 0 && KX_SDK_CURL_EASY_CLEANUP(nullptr) == -1
+                       ? 0
+                       : -1;
+        });
+        c.prepare = [](Run &r) { r.out = reinterpret_cast<char *>(curl_easy_init()); };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("destroy_key", "security", [](Run &r) -> int64_t {
+            return destroy_key(reinterpret_cast<RSA *>(r.out));
+        });
+        c.prepare = [](Run &r) {
+            std::string pem = read_file(kxtest::credentials_dir() + "/answer_signing_pub.pem");
+            r.out = reinterpret_cast<char *>(init_publickey(pem.c_str()));
+        };
+        t.push_back(c);
+    }
+    {
+        Call c = simple("KX_UNINIT_PUBLICKEY", "security", [](Run &) -> int64_t { return KX_UNINIT_PUBLICKEY(); },
+                        judge_plain, [](Run &) { gpKey = nullptr; /* reloaded by run_call */ });
+        c.prepare = nullptr;
+        t.push_back(c);
+    }
+    /* The list routines one by one, on a list built before the call. */
+    {
+        Call c = simple("KX_SDK_INIT_LINKEDLIST", "frame", [](Run &r) -> int64_t {
+            r.list.first = reinterpret_cast<KX_SDK_LIST_NODE_S *>(&r);
+            r.list.count = 7;
+            KX_SDK_INIT_LINKEDLIST(&r.list);
+            return r.list.first == nullptr && r.list.last == nullptr && r.list.count == 0 ? 0 : -1;
+        });
+        t.push_back(c);
+    }
+    for (int printing = 0; printing < 2; ++printing) {
+        Call c = simple(printing ? "KX_PRINTF_LINKLIST" : "KX_SDK_FREE_LINKLIST", "frame", [printing](Run &r) -> int64_t {
+            return printing ? KX_PRINTF_LINKLIST(&r.list) : KX_SDK_FREE_LINKLIST(&r.list);
+        }, [printing](Run &r, int64_t result) {
+            if (printing && log_count("second item") != 1)
+                return r.fault("the items were not logged");
+            return judge_plain(r, result);
+        }, [printing](Run &r) {
+            if (printing)
+                KX_SDK_FREE_LINKLIST(&r.list);
+        });
+        c.prepare = [](Run &r) {
+            KX_SDK_INIT_LINKEDLIST(&r.list);
+            KX_SDK_ADDNODE(&r.list, strdup("first item"));
+            KX_SDK_ADDNODE(&r.list, strdup("second item"));
+        };
+        t.push_back(c);
+    }
+}
+
 std::vector<Call> build_table()
 {
     std::vector<Call> t;
@@ -808,6 +1013,7 @@ std::vector<Call> build_table()
     add_security(t);
     add_verify(t);
     add_transport(t);
+    add_plain_routines(t);
     add_account(t, false);
     add_account(t, true);
     return t;
