@@ -305,7 +305,8 @@ Call download(const char *name, std::function<int32_t(Run &)> fn)
     c.path = kEchoPath;
     c.answer = Answer::Raw;
     c.judges_status = false; /* the download writes whatever the server sends */
-    c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_download"); };
+    std::string path = "/tmp/kxrel_download_" + std::string(name);
+    c.prepare = [path](Run &r) { open_stream(r, path); };
     c.invoke = [fn](Run &r) -> int64_t {
         int64_t result = fn(r);
         r.stream = nullptr; /* the download closes the stream in every case */
@@ -522,7 +523,11 @@ void add_verify(std::vector<Call> &t)
         Call c;
         c.name = content ? "XML_GET_TAG_CONTENT" : "XML_GET_TAG_LENGTH";
         c.family = "verify";
-        c.prepare = [](Run &r) { open_stream(r, "/tmp/kxrel_tag.xml", kXmlDoc); r.buffer.assign(256, '\0'); };
+        std::string path = "/tmp/kxrel_answer_" + c.name;
+        c.prepare = [path](Run &r) {
+            open_stream(r, path, kXmlDoc);
+            r.buffer.assign(256, '\0');
+        };
         c.invoke = [content](Run &r) -> int64_t {
             r.outlen = 256;
             return content ? XML_GET_TAG_CONTENT(r.stream, "data", r.buffer.data(), &r.outlen)

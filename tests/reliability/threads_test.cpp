@@ -68,7 +68,7 @@ std::vector<const Call *> side_by_side_calls()
         bool crypto = c.family == "verify" || c.name == "kxtvsign" || c.name == "kxtvverify" ||
                       c.name == "KX_SDK_SIGN_CREATE" || c.name == "KX_SDK_AES_ENCRYPT" ||
                       c.name == "KX_SDK_GZDECOMPRESS";
-        bool transfer = c.family == "transport" && !c.plain;
+        bool transfer = c.family == "transport" && !c.path.empty() && !c.plain;
         if (account || crypto || transfer)
             out.push_back(&c);
     }
