@@ -84,9 +84,7 @@ std::string open_secret(const std::string &hex)
 }
 
 /* The per-request values a call chose, checked for freshness as they are read. */
-struct Sent {
-    std::string rand, time, sign, secret;
-};
+struct Sent { std::string rand, time, sign, secret; };
 
 Sent sent_values(std::map<std::string, std::string> pairs)
 {
@@ -113,10 +111,7 @@ void expect_signs(const Sent &sent, const std::string &signed_text)
     EXPECT_EQ(kxtest::open_request_signature(sent.sign), kxtest::md5_raw(signed_text)) << signed_text;
 }
 
-std::string route(const kxcloud::Request &r)
-{
-    return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path;
-}
+std::string route(const kxcloud::Request &r) { return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path; }
 
 /* A line of `call` whose message is exactly `message`. */
 bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kError)
@@ -141,11 +136,7 @@ const KX_CUSTOMER_INFO_S kCustomer = {0, "basic", "AT-1", "SER-1", "DEV-1"};
 const KX_MSG_INFO_S kMsg = {0, 20, 0, "m-1,m-2", "AT-1", "SER-1", "DEV-1"};
 const KX_TOKEN_DEVICE_S kToken = {0, "AT-1", "SER-1", "DEV-1"};
 
-struct AnyCall {
-    std::string name;
-    std::function<int32_t()> run;
-    std::string path = "";
-};
+struct AnyCall { std::string name; std::function<int32_t()> run; std::string path = ""; };
 using Calls = std::vector<AnyCall>;
 
 /* ---- the calls that answer into a buffer and keep the raw answer in a file ---- */
@@ -298,11 +289,7 @@ TEST_F(Account, NullRecordsOutputsAndFieldsAreInvalidArgsAndNothingRunsBeforeIni
 
 TEST_F(Account, SignInPostsTheDocumentedBodyAndVerifiesTheXmlIntoTheStream)
 {
-    struct Case {
-        const char *device_id, *secret, *serial;
-        uint32_t language;
-        size_t secret_hex;
-    } cases[] = {
+    struct Case { const char *device_id, *secret, *serial; uint32_t language; size_t secret_hex; } cases[] = {
         {kDeviceId, "s3cr3t-Ref", kSerial, 1, 32},
         {"861003009000001000000610", "0123456789abcde", "", 0, 32},   /* 24 characters: no serial; 15 -> one block */
         {kDeviceId, "0123456789abcdef", kSerial, 999, 64},             /* 16 characters: a whole block of 16s */
@@ -346,11 +333,7 @@ TEST_F(Account, SignInRefusesAnswersThatDoNotVerify)
     const std::string xml = kxcloud::device_service_answer("/aaa/sign_in");
     std::string tampered = kxcloud::signed_xml(xml);
     tampered[tampered.find("604800")] = '9';
-    struct Case {
-        const char *what;
-        kxcloud::Reply reply;
-        std::string left;
-    } cases[] = {
+    struct Case { const char *what; kxcloud::Reply reply; std::string left; } cases[] = {
         {"tampered", {200, tampered}, ""},        /* emptied by the verifier */
         {"unsigned", {200, xml}, xml},            /* left as received */
         {"not found", {404, ""}, ""},
@@ -370,12 +353,8 @@ TEST_F(Account, SignInRefusesAnswersThatDoNotVerify)
 TEST_F(Account, DeviceSerialSignsOnlyTheGivenOptionalKeys)
 {
     const std::string long_token(1500, 't');
-    struct Case {
-        const char *token, *original;
-        std::string body_head;   /* what precedes dev_flag in the body */
-        std::string signed_token; /* what precedes dev_flag in the signed text */
-        std::string signed_original;
-    } cases[] = {
+    /* body_head precedes dev_flag in the body, signed_token in the signed text, signed_original randStr there */
+    struct Case { const char *token, *original; std::string body_head, signed_token, signed_original; } cases[] = {
         {nullptr, "", "", "", ""},
         {"", "", "accessToken=&", "", ""},
         {"AT-9", "OID-3", "accessToken=AT-9&", "accessToken=AT-9&", "originalId=OID-3&"},
@@ -390,12 +369,11 @@ TEST_F(Account, DeviceSerialSignsOnlyTheGivenOptionalKeys)
         EXPECT_EQ(KX_GET_DEV_SERIAL(&r, domain.c_str(), &stream.f), 0);
         const kxcloud::Request sent = cloud.last();
         const Sent s = sent_values(sent.form());
-        EXPECT_EQ(sent.body, fmt("%sdev_flag=flag-2&featureCode=FEAT-1&format=0&languageId=0&originalId=%s&randStr=%s"
-                                 "&timeStamp=%s&version=7.0&sign=%s",
-                                 c.body_head.c_str(), c.original, s.rand.c_str(), s.time.c_str(), s.sign.c_str()));
-        expect_signs(s, fmt("%sdev_flag=flag-2&featureCode=FEAT-1&format=0&languageId=0&%srandStr=%s&timeStamp=%s"
-                            "&version=7.0",
-                            c.signed_token.c_str(), c.signed_original.c_str(), s.rand.c_str(), s.time.c_str()));
+        EXPECT_EQ(sent.body, fill(fmt("%sdev_flag=flag-2&featureCode=FEAT-1&format=0&languageId=0&originalId=%s"
+                                      "&randStr={rand}&timeStamp={time}&version=7.0&sign=",
+                                      c.body_head.c_str(), c.original), s) + s.sign);
+        expect_signs(s, fill(fmt("%sdev_flag=flag-2&featureCode=FEAT-1&format=0&languageId=0&%srandStr={rand}"
+                                 "&timeStamp={time}&version=7.0", c.signed_token.c_str(), c.signed_original.c_str()), s));
         EXPECT_EQ(stream.text(), kxcloud::device_service_answer("/aaa/get_dev_serial"));
         EXPECT_TRUE(kxtest::log_contains("Mark: 100"));
         EXPECT_TRUE(logged("KX_GET_DEV_SERIAL", "KX_SDK_HTTPS_POST: 0\n"));
