@@ -27,7 +27,7 @@ configure() { # dir, extra cmake arguments...
 }
 
 sweep() {
-  local dir=${REUSE_BUILD:-$root/reliability} report
+  local dir=${REUSE_BUILD:-$root/reliability} report status=0
   configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo
   cmake --build "$dir" --target alloc_sweep -j"$jobs" >/dev/null
   report=$dir/sweep-report.txt
@@ -37,15 +37,16 @@ sweep() {
     # stride there, and one secure call (sign-in, the frame's model) in full.
     KX_SWEEP_REPORT=$report KX_SWEEP_TLS_STRIDE=25 \
       scripts/in-netns.sh "$dir/tests/reliability/alloc_sweep" --gtest_brief=1 \
-      --gtest_filter='-Table/Sweep.EveryAllocationFailureIsSurvived/KX_AUTH_AUTHENTICATE'
+      --gtest_filter='-Table/Sweep.EveryAllocationFailureIsSurvived/KX_AUTH_AUTHENTICATE' || status=1
     KX_SWEEP_REPORT=$report \
       scripts/in-netns.sh "$dir/tests/reliability/alloc_sweep" --gtest_brief=1 \
-      --gtest_filter='Table/Sweep.EveryAllocationFailureIsSurvived/KX_AUTH_AUTHENTICATE'
+      --gtest_filter='Table/Sweep.EveryAllocationFailureIsSurvived/KX_AUTH_AUTHENTICATE' || status=1
   else
-    KX_SWEEP_REPORT=$report scripts/in-netns.sh "$dir/tests/reliability/alloc_sweep" --gtest_brief=1
+    KX_SWEEP_REPORT=$report scripts/in-netns.sh "$dir/tests/reliability/alloc_sweep" --gtest_brief=1 || status=1
   fi
   echo "== sweep report ($report)"
   cat "$report"
+  return $status
 }
 
 valgrind_check() {
@@ -95,10 +96,13 @@ case "${1:-}" in
   tsan) shift; tsan ;;
   fuzz) shift; scripts/fuzz.sh "$@" ;;
   ci)
-    sweep --ci
-    valgrind_check
-    tsan
-    scripts/fuzz.sh 30
+    # Every check runs even when an earlier one failed; the result is the sum.
+    status=0
+    sweep --ci || status=1
+    valgrind_check || status=1
+    tsan || status=1
+    scripts/fuzz.sh 30 || status=1
+    exit $status
     ;;
   *) sed -n '2,14p' "$0"; exit 2 ;;
 esac

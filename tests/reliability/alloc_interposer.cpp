@@ -301,20 +301,27 @@ static bool made_for_library(size_t i)
         "cJSON_PrintUnformatted", "cJSON_CreateObject", "cJSON_CreateString", "cJSON_CreateNumber",
         "cJSON_AddStringToObject", "cJSON_AddNumberToObject", "cJSON_AddItemToObject", "deflateInit2_",
         "inflateInit2_", "deflate", "inflate", "lws_create_context", "lws_client_connect_via_info", nullptr};
+    /* Walk out from the allocation to the first frame of the library; the
+     * frame just inside it says what the library called. The interposer's
+     * own frames (this program's malloc) mean the library allocated itself. */
     const char *callee = nullptr;
+    bool callee_is_allocator = true;
     for (int f = 0; f < kFrames && g_frames[i][f] != nullptr; ++f) {
         Dl_info info;
         std::memset(&info, 0, sizeof info);
         if (dladdr(g_frames[i][f], &info) == 0)
             continue;
         if (info.dli_fname != nullptr && std::strstr(info.dli_fname, "libkx_cloud_openapi") != nullptr) {
-            if (callee == nullptr)
+            if (callee_is_allocator)
                 return true;
-            for (int k = 0; owning[k] != nullptr; ++k)
+            for (int k = 0; callee != nullptr && owning[k] != nullptr; ++k)
                 if (std::strcmp(callee, owning[k]) == 0)
                     return true;
             return false;
         }
+        Dl_info self;
+        callee_is_allocator = dladdr(reinterpret_cast<void *>(&made_for_library), &self) != 0 &&
+                              info.dli_fbase == self.dli_fbase;
         callee = info.dli_sname;
     }
     return true; /* no library frame seen: count it, to be safe */
