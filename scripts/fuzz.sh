@@ -36,7 +36,12 @@ for t in "${targets[@]}"; do
   mkdir -p "$work" "$crashes"
   if [ -d "fuzz/regressions/$t" ] && ls "fuzz/regressions/$t"/* >/dev/null 2>&1; then
     echo "== $t: replaying regressions"
-    "$bin" fuzz/regressions/"$t"/* || { status=1; echo "REGRESSION: $t"; continue; }
+    if ! "$bin" fuzz/regressions/"$t"/* >"$dir/$t.regressions.log" 2>&1; then
+      status=1
+      summary+=("$t: a kept regression input fails again (log $dir/$t.regressions.log)")
+      grep -E 'runtime error|ERROR|SUMMARY' "$dir/$t.regressions.log" | head -5
+      continue
+    fi
   fi
   echo "== $t: fuzzing ${seconds}s"
   log=$dir/$t.log
