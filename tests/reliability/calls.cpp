@@ -1137,6 +1137,10 @@ RunReport run_call(const Call &call, long fail_at, bool reroute, const std::func
         report.outcome = call.judge ? call.judge(r, report.result) : judge_plain(r, report.result);
         report.why = r.why;
         report.documented_leak = call.documented_leak && call.documented_leak(r);
+        if (r.record)
+            report.record_used = r.record->used;
+        else if (r.large.buffer != nullptr)
+            report.record_used = r.large.used;
     }
     if (call.release)
         call.release(r);

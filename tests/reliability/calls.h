@@ -123,6 +123,7 @@ struct RunReport {
     bool documented_leak = false;
     std::string why;
     std::string live_detail;     /* who asked for the blocks left behind */
+    long record_used = -1;       /* bytes in the run's answer record, if it had one */
 };
 /* `tweak`, when given, runs after prepare and may point the run elsewhere
  * (another domain, another target). */

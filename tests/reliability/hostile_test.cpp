@@ -179,9 +179,12 @@ TEST(Hostile, RecordSinksTakeTheirCapacityAndNotOneByteMore)
                 /* The body is not the good one, so the judge calls it a
                  * fault; what matters is the transfer's result. */
                 EXPECT_EQ(report.result, 0) << call->name << " refused exactly " << size << " bytes";
+                EXPECT_EQ(report.record_used, static_cast<long>(capacity)) << call->name;
             } else {
                 EXPECT_EQ(report.result, -1) << call->name << " accepted " << size << " bytes";
                 EXPECT_EQ(report.outcome, Outcome::Failure) << call->name << " " << report.why;
+                /* The chunk that would overflow is refused whole: what was kept fits. */
+                EXPECT_LE(report.record_used, static_cast<long>(capacity)) << call->name;
             }
         }
     }
