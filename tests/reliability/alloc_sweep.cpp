@@ -19,9 +19,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "alloc_interposer.h"
 #include "calls.h"
@@ -45,6 +48,36 @@ void on_crash(int sig)
     signal(sig, SIG_DFL);
     raise(sig);
 }
+
+/* A run that takes minutes is a hang: say which, then stop, rather than
+ * leave CI waiting for its own time-out. */
+std::atomic<long> g_run_started{0};
+
+void watchdog()
+{
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        long started = g_run_started.load();
+        long now = std::chrono::duration_cast<std::chrono::seconds>(
+                       std::chrono::steady_clock::now().time_since_epoch()).count();
+        if (started != 0 && now - started > 120) {
+            char line[256];
+            int n = snprintf(line, sizeof line, "\nalloc_sweep: no end after 120 s while running %s\n", g_current);
+            if (n > 0)
+                (void)!write(2, line, static_cast<size_t>(n));
+            abort();
+        }
+    }
+}
+
+struct RunClock {
+    RunClock()
+    {
+        g_run_started = std::chrono::duration_cast<std::chrono::seconds>(
+                            std::chrono::steady_clock::now().time_since_epoch()).count();
+    }
+    ~RunClock() { g_run_started = 0; }
+};
 
 long env_long(const char *name, long fallback)
 {
@@ -79,6 +112,7 @@ protected:
         signal(SIGABRT, on_crash);
         signal(SIGFPE, on_crash);
         signal(SIGPIPE, SIG_IGN);
+        std::thread(watchdog).detach();
     }
 };
 
@@ -111,6 +145,7 @@ TEST_P(Sweep, EveryAllocationFailureIsSurvived)
     const long last = std::min(count, env_long("KX_SWEEP_TO", count));
     for (long n = first; n <= last; n += stride) {
         snprintf(g_current, sizeof g_current, "%s with allocation %ld of %ld failing", call->name.c_str(), n, count);
+        RunClock clock;
         kxrel::RunReport rep = kxrel::run_call(*call, n);
         ++runs;
         if (rep.failures_deferred > 0)
@@ -174,6 +209,18 @@ TEST_P(Sweep, EveryAllocationFailureIsSurvived)
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Sweep, testing::ValuesIn(sweep_names()), test_name);
+
+/* A call left out of the sweep says why, and the reason is printed with the
+ * figures. */
+TEST(Sweep, CallsLeftOutSayWhy)
+{
+    for (const auto &c : kxrel::calls()) {
+        if (c.sweep)
+            continue;
+        EXPECT_FALSE(c.note.empty()) << c.name;
+        printf("sweep %-32s left out: %s\n", c.name.c_str(), c.note.c_str());
+    }
+}
 
 /* The library is built without exceptions; a throwing operator new inside it
  * would abort the host process on the first failed allocation instead of
