@@ -799,8 +799,6 @@ void add_frame(std::vector<Call> &t)
                 r.plist = nullptr;
             }
         });
-        c.sweep = false;
-        c.note = "its list nodes come from KX_SDK_ADDNODE, whose allocation is documented as unchecked";
         t.push_back(c);
     }
     {
