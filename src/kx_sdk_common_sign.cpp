@@ -25,6 +25,9 @@ KX_API int32_t KX_INIT_PUBLICKEY(void)
     const std::size_t size = kx::stored_key_size();
     kx::Buffer text(size);
     if (!text.ok()) {
+        /* gpKey may still hold the key an earlier tear-down released: forget
+         * it, or the next tear-down would release it a second time. */
+        gpKey = nullptr;
         KX_LOGE("Init public key faild!\n");
         return -1;
     }

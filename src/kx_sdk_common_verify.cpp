@@ -266,7 +266,14 @@ bool read_tag(const char *fn, std::FILE *stream, const char *tag, XmlText &conte
 {
     std::fflush(stream);
     std::fseek(stream, 0, SEEK_SET);
+    /* libxml2 can run out of memory while storing an element's text and still
+     * hand back the document, with that text missing: such a parse counts as
+     * a failed one. */
+    xmlResetLastError();
     XmlDoc doc(xmlReadFd(fileno(stream), nullptr, tag_reader_encoding(), kXmlReadOptions));
+    const xmlError *last = xmlGetLastError();
+    if (doc && last != nullptr && last->code == XML_ERR_NO_MEMORY)
+        doc.reset();
     if (!doc) {
         KX_LOGE_AS(fn, "Failed to call xmlReadFd().\n");
         return false;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include <curl/curl.h>
+#include <libxml/parser.h>
 
 #include "internal/kx_init_check.h"
 #include "internal/kx_log.h"
@@ -66,6 +67,10 @@ int32_t KX_GLOBAL_INIT(const char *psDNS)
         curl_global_cleanup();
         return -1;
     }
+
+    /* libxml2 sets itself up lazily on the first parse, which is not safe when
+     * two threads parse their first answers at once: do it here, once. */
+    xmlInitParser();
 
     /* A key that fails to load does not fail initialisation: each answer's
      * verification then fails on its own. */

@@ -343,7 +343,9 @@ KX_API int32_t ChangeToByte(const char *in, void *out)
     /* A trailing odd character has no partner: the walk stops there instead
      * of pairing it with the terminator and reading beyond it. */
     for (const char *p = in; p[0] != '\0' && p[1] != '\0'; p += 2)
-        dst[written++] = static_cast<unsigned char>((hex_value(p[0]) << 4) | hex_value(p[1]));
+        /* Unchecked digits may count negative: shift as unsigned, keep the low byte. */
+        dst[written++] = static_cast<unsigned char>((static_cast<unsigned>(hex_value(p[0])) << 4) |
+                                                    static_cast<unsigned>(hex_value(p[1])));
     return written;
 }
 
