@@ -606,7 +606,6 @@ void add_security(std::vector<Call> &t)
          * still holds the released address, as after KX_GLOBAL_DEINIT), and
          * after the run (see run_call, which reloads it). */
         c.prepare = [](Run &) { KX_UNINIT_PUBLICKEY(); };
-        c.documented_leak = [](Run &) { return log_contains("failed to read public key."); };
         t.push_back(c);
     }
     {
@@ -616,8 +615,6 @@ void add_security(std::vector<Call> &t)
             return key ? 0 : -1;
         }, judge_plain, [](Run &r) { destroy_key(reinterpret_cast<RSA *>(r.out)); r.out = nullptr; });
         c.prepare = [](Run &r) { r.input = read_file(kxtest::credentials_dir() + "/answer_signing_pub.pem"); };
-        /* A key text that does not read keeps its memory BIO: accepted as it stands. */
-        c.documented_leak = [](Run &) { return log_contains("failed to read public key."); };
         t.push_back(c);
     }
     {
@@ -627,7 +624,9 @@ void add_security(std::vector<Call> &t)
             return key ? 0 : -1;
         }, judge_plain, [](Run &r) { destroy_key(reinterpret_cast<RSA *>(r.out)); r.out = nullptr; });
         c.prepare = [](Run &r) { r.input = kxtest::credentials_dir() + "/answer_signing.pem"; };
-        /* Its first, empty RSA object is never used nor released: kept as it stands. */
+        /* OpenSSL 3's private-key decoder leaves a few of its own blocks behind
+         * when one of its allocations fails part-way (their call chains end in
+         * libcrypto's unnamed internals); the call's own objects are released. */
         c.documented_leak = [](Run &) { return true; };
         t.push_back(c);
     }
@@ -745,7 +744,6 @@ void add_frame(std::vector<Call> &t)
             KX_GLOBAL_DEINIT();
             r.input = "127.0.0.1";
         };
-        c.documented_leak = [](Run &) { return log_contains("failed to read public key."); };
         t.push_back(c);
     }
     {
