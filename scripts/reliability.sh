@@ -86,7 +86,7 @@ tsan() {
   configure "$dir" -DKX_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
   cmake --build "$dir" --target threads_test -j"$jobs" >/dev/null
   # ASLR with high entropy breaks older ThreadSanitizer runtimes' memory map.
-  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} \
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp} \
     scripts/in-netns.sh setarch "$(uname -m)" -R "$dir/tests/reliability/threads_test" --gtest_brief=1
 }
 
