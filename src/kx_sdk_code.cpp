@@ -20,6 +20,16 @@ bool token_device_ok(const KX_TOKEN_DEVICE_S *record)
     return record->psAccessToken != nullptr && record->psDevSerial != nullptr && record->psDeviceId != nullptr;
 }
 
+/* The input lines of a token/device record between a call's banners. */
+void log_token_device(const char *name, const char *header, const char *footer, const KX_TOKEN_DEVICE_S *psToken)
+{
+    KX_LOGI_AS(name, "%s", header);
+    KX_LOGI_AS(name, "    psDevSerial: %s\n", psToken->psDevSerial);
+    KX_LOGI_AS(name, "    psDeviceId: %s\n", psToken->psDeviceId);
+    KX_LOGI_AS(name, "    psAccessToken: %s\n", psToken->psAccessToken);
+    KX_LOGI_AS(name, "%s", footer);
+}
+
 /* Sign-out and sign-information-by-code: one request on two paths, each call
  * with its own header and footer lines. */
 int32_t post_token_device(const kx::Call &description, const char *header, const char *footer,
@@ -35,11 +45,7 @@ int32_t post_token_device(const kx::Call &description, const char *header, const
     if (!call.build_url(ps8Domain))
         return -1;
 
-    KX_LOGI_AS(name, "%s", header);
-    KX_LOGI_AS(name, "    psDevSerial: %s\n", psToken->psDevSerial);
-    KX_LOGI_AS(name, "    psDeviceId: %s\n", psToken->psDeviceId);
-    KX_LOGI_AS(name, "    psAccessToken: %s\n", psToken->psAccessToken);
-    KX_LOGI_AS(name, "%s", footer);
+    log_token_device(name, header, footer, psToken);
 
     call.stamp();
     const kx::FixedText<4> language = kx::number_text(1);
@@ -48,13 +54,7 @@ int32_t post_token_device(const kx::Call &description, const char *header, const
                            psToken->psAccessToken, psToken->psDevSerial, psToken->psDeviceId, language.c_str(),
                            call.random_text(), call.time_text()))
         return -1;
-    if (!call.sign())
-        return -1;
-    if (!call.print_body(7, "%s&sign=%s", call.params(), call.signature()))
-        return -1;
-    if (!call.send())
-        return -1;
-    return call.verify(ps8Result);
+    return call.sign_send_verify(ps8Result);
 }
 
 }  // namespace
@@ -92,13 +92,7 @@ KX_API int32_t KX_REFRESH_TOKEN(const KX_REFRESH_TOKEN_S *psRefresh, const char 
                            psRefresh->ps8AppIndex, call.secret(), psRefresh->psDevSerial, psRefresh->psDeviceId,
                            language.c_str(), call.random_text(), psRefresh->ps8RefreshToken, call.time_text()))
         return -1;
-    if (!call.sign())
-        return -1;
-    if (!call.print_body(7, "%s&sign=%s", call.params(), call.signature()))
-        return -1;
-    if (!call.send())
-        return -1;
-    return call.verify(ps8Result);
+    return call.sign_send_verify(ps8Result);
 }
 
 KX_API int32_t KX_SIGN_OUT(const KX_TOKEN_DEVICE_S *psToken, const char *ps8Domain, char *ps8Result)
@@ -163,13 +157,7 @@ KX_API int32_t KX_GET_CODE_AUTH_URL(const KX_CODE_AUTH_URL_S *psCodeAuth, const 
                            psCodeAuth->psDevSerial, psCodeAuth->psDeviceId, language.c_str(), call.random_text(),
                            psCodeAuth->ps8StatCode, call.time_text(), psCodeAuth->ps8VsType))
         return -1;
-    if (!call.sign())
-        return -1;
-    if (!call.print_body(7, "%s&sign=%s", call.params(), call.signature()))
-        return -1;
-    if (!call.send())
-        return -1;
-    return call.verify(ps8Result);
+    return call.sign_send_verify(ps8Result);
 }
 
 KX_API int32_t KX_GET_CUSTOMER_INFO(const KX_CUSTOMER_INFO_S *psCustomer, const char *ps8Domain, char *ps8Result)
@@ -233,11 +221,8 @@ KX_API int32_t KX_GET_SYS_CONFIG_INFO(const KX_TOKEN_DEVICE_S *psToken, const ch
     if (!call.build_url(ps8Domain))
         return -1;
 
-    KX_LOGI("=================KX_GET_SYS_CONFIG_INFO input param=================\n");
-    KX_LOGI("    psDevSerial: %s\n", psToken->psDevSerial);
-    KX_LOGI("    psDeviceId: %s\n", psToken->psDeviceId);
-    KX_LOGI("    psAccessToken: %s\n", psToken->psAccessToken);
-    KX_LOGI("=================KX_GET_SYS_CONFIG_INFO end=================\n");
+    log_token_device(__func__, "=================KX_GET_SYS_CONFIG_INFO input param=================\n",
+                     "=================KX_GET_SYS_CONFIG_INFO end=================\n", psToken);
 
     call.stamp();
     const kx::FixedText<4> language = kx::number_text(1);
@@ -312,11 +297,8 @@ KX_API int32_t KX_GET_MSG_CHANNEL_INFO(const KX_TOKEN_DEVICE_S *psToken, const c
         return -1;
 
     /* Header and footer are borrowed from the configuration call. */
-    KX_LOGI("=================KX_GET_SYS_CONFIG_INFO input param=================\n");
-    KX_LOGI("    psDevSerial: %s\n", psToken->psDevSerial);
-    KX_LOGI("    psDeviceId: %s\n", psToken->psDeviceId);
-    KX_LOGI("    psAccessToken: %s\n", psToken->psAccessToken);
-    KX_LOGI("=================KX_GET_SYS_CONFIG_INFO end=================\n");
+    log_token_device(__func__, "=================KX_GET_SYS_CONFIG_INFO input param=================\n",
+                     "=================KX_GET_SYS_CONFIG_INFO end=================\n", psToken);
 
     call.stamp();
     const kx::FixedText<4> language = kx::number_text(1);
@@ -325,11 +307,5 @@ KX_API int32_t KX_GET_MSG_CHANNEL_INFO(const KX_TOKEN_DEVICE_S *psToken, const c
                            psToken->psAccessToken, psToken->psDevSerial, psToken->psDeviceId, language.c_str(),
                            call.random_text(), call.time_text()))
         return -1;
-    if (!call.sign())
-        return -1;
-    if (!call.print_body(7, "%s&sign=%s", call.params(), call.signature()))
-        return -1;
-    if (!call.send())
-        return -1;
-    return call.verify(ps8Result);
+    return call.sign_send_verify(ps8Result);
 }

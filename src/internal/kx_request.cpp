@@ -190,6 +190,17 @@ bool Request::send()
     return true;
 }
 
+int32_t Request::sign_send_verify(char *result)
+{
+    if (!sign())
+        return -1;
+    if (!print_body(7, "%s&sign=%s", params(), signature()))
+        return -1;
+    if (!send())
+        return -1;
+    return verify(result);
+}
+
 int32_t Request::verify(char *result)
 {
     /* What the transfer needed is not needed for the verdict. */

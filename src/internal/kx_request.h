@@ -150,6 +150,12 @@ public:
      * `result` is the caller's buffer (JSON verifiers; ignored for XML). */
     int32_t verify(char *result);
 
+    /* The common ending of a signed call whose body is its parameter text:
+     * sign(), print_body(7, "%s&sign=%s", params, signature), send(), verify().
+     * Calls whose body differs from the signed text, or that log between these
+     * steps, write the steps out themselves. */
+    int32_t sign_send_verify(char *result);
+
     const char *url() const { return url_.get(); }
     const char *secret() const { return secret_.get(); }
     const char *time_text() const { return time_.c_str(); }
