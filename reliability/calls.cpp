@@ -1013,6 +1013,42 @@ void add_plain_routines(std::vector<Call> &t)
     }
 }
 
+/* ---- voice calls --------------------------------------------------------- */
+
+void add_voice(std::vector<Call> &t, bool plain)
+{
+    (void)t;
+    (void)plain;
+}
+
+/* ---- log service, upgrade-event report ------------------------------------- */
+
+void add_log(std::vector<Call> &t)
+{
+    (void)t;
+}
+
+/* ---- upgrade checks and advertising ----------------------------------------- */
+
+void add_upgrade_ad(std::vector<Call> &t)
+{
+    (void)t;
+}
+
+/* ---- push channel ------------------------------------------------------------ */
+
+void add_push(std::vector<Call> &t)
+{
+    (void)t;
+}
+
+/* ---- signed external fetch ---------------------------------------------------- */
+
+void add_external(std::vector<Call> &t)
+{
+    (void)t;
+}
+
 std::vector<Call> build_table()
 {
     std::vector<Call> t;
@@ -1023,6 +1059,12 @@ std::vector<Call> build_table()
     add_plain_routines(t);
     add_account(t, false);
     add_account(t, true);
+    add_voice(t, false);
+    add_voice(t, true);
+    add_log(t);
+    add_upgrade_ad(t);
+    add_push(t);
+    add_external(t);
     return t;
 }
 

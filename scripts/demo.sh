@@ -40,5 +40,5 @@ scripts/install-deps.sh
 rm -rf "$build/testcloud"
 cmake -S . -B "$build" -DKX_BUILD_TESTS=ON -DKX_BUILD_EXAMPLES=ON >/dev/null
 cmake --build "$build" --target kx_local_cloud device_session -j"$(nproc)"
-scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$PWD/$build/tests/kx_local_cloud" \
+scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$PWD/$build/localcloud/kx_local_cloud" \
   "$PWD/$build/examples/device_session"
