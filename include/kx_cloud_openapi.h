@@ -49,5 +49,7 @@
 #include "kx_sdk_transport.h"
 #include "kx_sdk_verify.h"
 #include "kx_sdk_account.h"
+#include "kx_sdk_upgrade.h"
+#include "kx_sdk_ad.h"
 
 #endif
