@@ -22,6 +22,7 @@
 
 #include <libxml/xmlerror.h>
 #include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
 
 #include "internal/kx_buffer.h"
 #include "internal/kx_format.h"
@@ -46,6 +47,7 @@ constexpr uint32_t kUploadBufferMinimum = 8192;
 constexpr uint32_t kPolicyRatio = 32;
 
 using XPathContext = kx::Owned<xmlXPathContext, xmlXPathFreeContext>;
+using XPathParser = kx::Owned<xmlXPathParserContext, xmlXPathFreeParserContext>;
 using XPathObject = kx::Owned<xmlXPathObject, xmlXPathFreeObject>;
 
 /* An optional text: absent is sent as empty. */
@@ -57,13 +59,33 @@ const char *or_empty(const char *text) { return text != nullptr ? text : ""; }
 kx::Buffer cipher_buffer(std::size_t length) { return kx::Buffer((length + 15) / 16 * 16); }
 
 /* The nodes an XPath expression selects, null when it could not be evaluated:
- * also when libxml2 ran out of memory on the way, which it may report only
- * through its last error while handing back a node set with nodes missing. */
+ * also when libxml2 failed on the way (running out of memory, for one), which
+ * it may report only through its last error.
+ *
+ * This is xmlXPathEval with its value stack allocated before the evaluation
+ * starts. libxml2 2.9 allocates that stack lazily while evaluating and, when
+ * the allocation fails, goes on with the context it has just released; its
+ * other entry point, xmlXPathCompiledEval, dereferences a null context when
+ * it cannot make one. Both would crash the host process under memory
+ * pressure; a stack that is there beforehand takes neither road. */
 XPathObject select_nodes(xmlXPathContext *context, const char *expression)
 {
     kx::xml_watch();
-    XPathObject found(xmlXPathEvalExpression(reinterpret_cast<const xmlChar *>(expression), context));
-    if (found && (kx::xml_ran_out() || found->type != XPATH_NODESET))
+    XPathParser parser(xmlXPathNewParserContext(reinterpret_cast<const xmlChar *>(expression), context));
+    if (!parser)
+        return nullptr;
+    constexpr int kStack = 10;
+    parser->valueTab = static_cast<xmlXPathObjectPtr *>(xmlMalloc(kStack * sizeof(xmlXPathObjectPtr)));
+    if (parser->valueTab == nullptr)
+        return nullptr;
+    parser->valueNr = 0;
+    parser->valueMax = kStack;
+    parser->value = nullptr;
+    xmlXPathEvalExpr(parser.get());
+    if (parser->error != XPATH_EXPRESSION_OK || kx::xml_erred())
+        return nullptr;
+    XPathObject found(valuePop(parser.get()));
+    if (found && found->type != XPATH_NODESET)
         found.reset();
     return found;
 }

@@ -31,6 +31,12 @@ bool xml_ran_out()
     return last != nullptr && last->code == XML_ERR_NO_MEMORY;
 }
 
+bool xml_erred()
+{
+    const xmlError *last = xmlGetLastError();
+    return last != nullptr && last->code != XML_ERR_OK;
+}
+
 XmlDoc read_xml_stream(std::FILE *stream)
 {
     std::fflush(stream);

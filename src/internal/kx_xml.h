@@ -33,9 +33,12 @@ static_assert(kXmlReadOptions == 73984, "answers are parsed with options 73984")
 XmlDoc read_xml_stream(std::FILE *stream);
 
 /* Clears libxml2's last error; xml_ran_out() then tells whether anything
- * since failed for want of memory (a node set or a text silently cut short). */
+ * since failed for want of memory, xml_erred() whether anything since failed
+ * at all (an XPath evaluation that ran out of memory may report that only
+ * through its last error, and a later one can overwrite it). */
 void xml_watch();
 bool xml_ran_out();
+bool xml_erred();
 
 }  // namespace kx
 
