@@ -1,23 +1,16 @@
 /* The service-list parser over an answer file: the input is the (verified)
  * answer, the product the list it fills. Each kind keeps at most 8 addresses
  * and every slot stays a terminated text. */
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdio>
-
 #include "fuzz_support.h"
 #include "internal/kx_log_parse.h"
 #include "kx_cloud_openapi.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static int fd = memfd_create("servicelist", 0);
-    static FILE *stream = fdopen(fd, "r+");
-    if (stream == nullptr || ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
-        return 0;
-    rewind(stream);
+    FILE *stream = kxfuzz::answer_file(data, size);
     static KX_LOG_SERVICE_LIST_S list;
+    if (stream == nullptr)
+        return 0;
     if (kx::KX_LOG_Parser_ServiceList(stream, &list) == 0 &&
         (list.u32PolicyServiceNum > KX_LOG_SERVICE_SLOTS || list.u32UploadServiceNum > KX_LOG_SERVICE_SLOTS))
         __builtin_trap();

@@ -19,6 +19,8 @@
 
 #include <climits>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 
 #include <libxml/xmlerror.h>
 #include <libxml/xpath.h>
@@ -112,27 +114,45 @@ namespace kx {
 
 namespace {
 
-/* One service address, hexadecimal text of an AES cipher text, decrypted into
- * its zeroed slot. Returns 0 whether or not it decrypted (a failed one leaves
- * the slot empty), -1 only when memory runs out. The slot keeps at most 255
- * characters so that it stays a terminated text. */
+/* How opening a hexadecimal cipher text ended. */
+enum class Opened { plain, out_of_memory, refused };
+
+/* Hexadecimal text of an AES cipher text, decrypted with KX_SDK_AES_DECRYPT
+ * into `plain`, a terminated text of `length` bytes. */
+Opened open_hex_cipher(const char *hex, Buffer &plain, uint32_t &length)
+{
+    const std::size_t bytes = std::strlen(hex) / 2;
+    Buffer cipher = cipher_buffer(bytes);
+    Buffer text(bytes + 1);
+    if (!cipher.ok() || !text.ok())
+        return Opened::out_of_memory;
+    KX_SDK_HEXSTRING_TO_ENCRYPT(hex, cipher.get());
+    if (KX_SDK_AES_DECRYPT(cipher.get(), static_cast<uint32_t>(bytes), text.get(), &length) != 0)
+        return Opened::refused;
+    text.get()[length] = '\0';
+    plain = std::move(text);
+    return Opened::plain;
+}
+
+/* One service address, decrypted into its zeroed slot. Returns 0 whether or
+ * not it decrypted (a failed one leaves the slot empty), -1 only when memory
+ * runs out. The slot keeps at most 255 characters so that it stays a
+ * terminated text. */
 int32_t KX_LOG_DECRYPT_SERVICEURL(const char *hex, char *slot)
 {
-    const std::size_t length = std::strlen(hex) / 2;
-    Buffer cipher = cipher_buffer(length);
-    Buffer plain(length + 1);
-    if (!cipher.ok() || !plain.ok()) {
+    Buffer plain;
+    uint32_t length = 0;
+    switch (open_hex_cipher(hex, plain, length)) {
+    case Opened::out_of_memory:
         KX_LOGE("out of memory!\n");
         return -1;
+    case Opened::refused:
+        return 0;
+    case Opened::plain:
+        break;
     }
-    KX_SDK_HEXSTRING_TO_ENCRYPT(hex, cipher.get());
-    uint32_t plain_length = 0;
-    if (KX_SDK_AES_DECRYPT(cipher.get(), static_cast<uint32_t>(length), plain.get(), &plain_length) == 0) {
-        const std::size_t kept = plain_length < KX_LOG_SERVICE_ADDRESS_SIZE - 1 ? plain_length
-                                                                              : KX_LOG_SERVICE_ADDRESS_SIZE - 1;
-        std::memcpy(slot, plain.get(), kept);
-        KX_LOGI("Service Address is %.*s.\n", KX_LOG_SERVICE_ADDRESS_SIZE, plain.get());
-    }
+    std::memcpy(slot, plain.get(), length < KX_LOG_SERVICE_ADDRESS_SIZE - 1 ? length : KX_LOG_SERVICE_ADDRESS_SIZE - 1);
+    KX_LOGI("Service Address is %.*s.\n", KX_LOG_SERVICE_ADDRESS_SIZE, plain.get());
     return 0;
 }
 
@@ -154,27 +174,22 @@ int collect_addresses(xmlXPathContext *context, const char *expression,
     return count;
 }
 
-/* The policy content, hexadecimal text of an AES cipher text, decrypted into
- * `plain` as a terminated text. */
+/* The policy content, decrypted into `plain` as a terminated text. */
 int32_t KX_LOG_DECRYPT_POLICYCONTENT(const char *hex, Buffer &plain)
 {
-    const std::size_t length = std::strlen(hex) / 2;
-    Buffer cipher = cipher_buffer(length);
-    Buffer text(length + 1);
-    if (!cipher.ok() || !text.ok()) {
+    uint32_t length = 0;
+    switch (open_hex_cipher(hex, plain, length)) {
+    case Opened::out_of_memory:
         KX_LOGE("out of memory!\n");
         return -1;
-    }
-    KX_SDK_HEXSTRING_TO_ENCRYPT(hex, cipher.get());
-    uint32_t text_length = 0;
-    if (KX_SDK_AES_DECRYPT(cipher.get(), static_cast<uint32_t>(length), text.get(), &text_length) != 0) {
+    case Opened::refused:
         KX_LOGE("KX_SDK_AES_DECRYPT() fails!\n");
         return -1;
+    case Opened::plain:
+        break;
     }
-    text.get()[text_length] = '\0';
-    KX_LOGI("policy content is %s.\n", text.get());
-    KX_LOGI("%s %d PolicyContent: %s\n", __func__, __LINE__, text.get());
-    plain = std::move(text);
+    KX_LOGI("policy content is %s.\n", plain.get());
+    KX_LOGI("%s %d PolicyContent: %s\n", __func__, __LINE__, plain.get());
     return 0;
 }
 
@@ -369,16 +384,37 @@ bool base64_of(const char *name, const SealedLog &sealed, kx::Buffer &text)
     return true;
 }
 
-/* Logs the address and the JSON text and posts the text into the caller's
- * stream. */
-int32_t post_log(const char *name, uint32_t change_to_http, std::FILE **stream, const char *url,
-                 const kx::PostMembers &members, const char *json)
+/* A JSON object of string members, in the order given; null after "Failed to
+ * create JSON object." when it cannot be made. */
+kx::JsonTree json_object(const char *name, std::initializer_list<std::pair<const char *, const char *>> members)
 {
+    kx::JsonTree object(cJSON_CreateObject());
+    for (const auto &member : members) {
+        if (!object || cJSON_AddStringToObject(object.get(), member.first, member.second) == nullptr) {
+            KX_LOGE_AS(name, "Failed to create JSON object.\n");
+            return nullptr;
+        }
+    }
+    return object;
+}
+
+/* Prints the object (cJSON's formatted or unformatted printer), logs the
+ * address and the text and posts the text into the caller's stream. */
+int32_t post_object(const char *name, uint32_t change_to_http, std::FILE **stream, const char *url,
+                    const kx::PostMembers &members, kx::JsonTree object, bool formatted)
+{
+    kx::JsonText json(formatted ? cJSON_Print(object.get()) : cJSON_PrintUnformatted(object.get()));
+    object.reset();
+    if (!json) {
+        KX_LOGE_AS(name, "Failed to create JSON object.\n");
+        return -1;
+    }
     kx::StreamCall call(name, change_to_http, stream);
     call.use_url(url);
     KX_LOGI_AS(name, "upload url is [%s].\n", url);
-    KX_LOGI_AS(name, "json buf: [%s]\n", json);
-    if (call.post(members, json, static_cast<int32_t>(std::strlen(json)), "Failed to call KX_SDK_HTTP_POST.\n") != 0)
+    KX_LOGI_AS(name, "json buf: [%s]\n", json.get());
+    if (call.post(members, json.get(), static_cast<int32_t>(std::strlen(json.get())),
+                  "Failed to call KX_SDK_HTTP_POST.\n") != 0)
         return -1;
     return 0;
 }
@@ -515,20 +551,12 @@ KX_API int32_t KX_LOG_UPLOAD(const KX_LOG_UPLOAD_S *psUpload, FILE **ppStream)
                      static_cast<int32_t>(encoded_size));
     base64.reset();
 
-    kx::JsonTree object(cJSON_CreateObject());
-    if (!object || cJSON_AddStringToObject(object.get(), "logmsg", encoded.get()) == nullptr) {
-        KX_LOGE("Failed to create JSON object.\n");
+    kx::JsonTree object = json_object(__func__, {{"logmsg", encoded.get()}});
+    if (!object)
         return -1;
-    }
     encoded.reset();
-    kx::JsonText json(cJSON_Print(object.get()));
-    if (!json) {
-        KX_LOGE("Failed to create JSON object.\n");
-        return -1;
-    }
-    object.reset();
-    return post_log(__func__, psUpload->u32ChangeToHttp, ppStream, psUpload->ps8UploadUrl,
-                    {KX_SDK_HTTP_POST_EX, KX_SDK_HTTPS_POST_EX}, json.get());
+    return post_object(__func__, psUpload->u32ChangeToHttp, ppStream, psUpload->ps8UploadUrl,
+                       {KX_SDK_HTTP_POST_EX, KX_SDK_HTTPS_POST_EX}, std::move(object), true);
 }
 
 KX_API int32_t KX_LOG_UPLOAD_EX(const KX_LOG_UPLOAD_EX_S *psUpload, FILE **ppStream)
@@ -552,15 +580,11 @@ KX_API int32_t KX_LOG_UPLOAD_EX(const KX_LOG_UPLOAD_EX_S *psUpload, FILE **ppStr
         if (!base64_of(__func__, sealed, base64))
             return -1;
         KX_LOGI("create json object.\n");
-        object.reset(cJSON_CreateObject());
-        if (!object || cJSON_AddStringToObject(object.get(), "message", base64.get()) == nullptr ||
-            cJSON_AddStringToObject(object.get(), "deviceid", or_empty(psUpload->ps8DeviceId)) == nullptr ||
-            cJSON_AddStringToObject(object.get(), "eventcode", or_empty(psUpload->ps8EventCode)) == nullptr ||
-            cJSON_AddStringToObject(object.get(), "errorcode", or_empty(psUpload->ps8ErrorCode)) == nullptr ||
-            cJSON_AddStringToObject(object.get(), "filename", or_empty(psUpload->ps8FileName)) == nullptr) {
-            KX_LOGE("Failed to create JSON object.\n");
-            return -1;
-        }
+        object = json_object(__func__, {{"message", base64.get()},
+                                        {"deviceid", or_empty(psUpload->ps8DeviceId)},
+                                        {"eventcode", or_empty(psUpload->ps8EventCode)},
+                                        {"errorcode", or_empty(psUpload->ps8ErrorCode)},
+                                        {"filename", or_empty(psUpload->ps8FileName)}});
     } else {
         /* The cipher bytes themselves are the value, read as a text: it ends
          * at their first zero byte. A terminated copy keeps that read inside
@@ -571,22 +595,14 @@ KX_API int32_t KX_LOG_UPLOAD_EX(const KX_LOG_UPLOAD_EX_S *psUpload, FILE **ppStr
             return -1;
         }
         std::memcpy(raw.get(), sealed.cipher.get(), sealed.cipher_length);
-        object.reset(cJSON_CreateObject());
-        if (!object || cJSON_AddStringToObject(object.get(), "logmsg", raw.get()) == nullptr) {
-            KX_LOGE("Failed to create JSON object.\n");
-            return -1;
-        }
+        object = json_object(__func__, {{"logmsg", raw.get()}});
     }
-    sealed.cipher.reset();
-    kx::JsonText json(cJSON_PrintUnformatted(object.get()));
-    if (!json) {
-        KX_LOGE("Failed to create JSON object.\n");
+    if (!object)
         return -1;
-    }
-    object.reset();
+    sealed.cipher.reset();
     /* Plain HTTP posts as JSON, HTTPS through the binary member. */
-    return post_log(__func__, psUpload->u32ChangeToHttp, ppStream, psUpload->ps8UploadUrl,
-                    {KX_SDK_HTTP_POST_EX, KX_SDK_HTTPS_POST_BINARY}, json.get());
+    return post_object(__func__, psUpload->u32ChangeToHttp, ppStream, psUpload->ps8UploadUrl,
+                       {KX_SDK_HTTP_POST_EX, KX_SDK_HTTPS_POST_BINARY}, std::move(object), false);
 }
 
 KX_API int32_t KX_REPORT_UPGRADE_EVENT(const KX_UPGRADE_EVENT_S *psEvent, const char *ps8Domain, FILE **ppStream)
