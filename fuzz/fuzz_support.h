@@ -7,8 +7,12 @@
 #ifndef KX_FUZZ_SUPPORT_H
 #define KX_FUZZ_SUPPORT_H
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -31,6 +35,21 @@ inline Bytes text_of(const uint8_t *data, size_t size)
 
 /* A zeroed buffer of exactly n bytes (at least 1). */
 inline Bytes zeroed(size_t n) { return Bytes(static_cast<char *>(std::calloc(n ? n : 1, 1))); }
+
+/* An answer file holding exactly the input, at its start: a memory file and
+ * its stream, made once and refilled for every input. Null when it cannot
+ * be refilled. `fd` receives its descriptor. */
+inline std::FILE *answer_file(const uint8_t *data, size_t size, int *fd = nullptr)
+{
+    static int file = memfd_create("answer", 0);
+    static std::FILE *stream = fdopen(file, "r+");
+    if (stream == nullptr || ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size))
+        return nullptr;
+    std::rewind(stream);
+    if (fd != nullptr)
+        *fd = file;
+    return stream;
+}
 
 }  // namespace kxfuzz
 

@@ -51,5 +51,6 @@
 #include "kx_sdk_account.h"
 #include "kx_sdk_upgrade.h"
 #include "kx_sdk_ad.h"
+#include "kx_sdk_log.h"
 
 #endif

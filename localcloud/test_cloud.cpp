@@ -775,4 +775,25 @@ std::string gzip_bytes(const std::string &bytes)
     return result == Z_STREAM_END ? out : "";
 }
 
+std::string gunzip_bytes(const std::string &stream)
+{
+    z_stream z;
+    std::memset(&z, 0, sizeof z);
+    if (inflateInit2(&z, 31) != Z_OK)
+        return "";
+    z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(stream.data()));
+    z.avail_in = static_cast<uInt>(stream.size());
+    std::string out;
+    int result = Z_OK;
+    char chunk[16384];
+    while (result == Z_OK) {
+        z.next_out = reinterpret_cast<Bytef *>(chunk);
+        z.avail_out = sizeof chunk;
+        result = inflate(&z, Z_NO_FLUSH);
+        out.append(chunk, sizeof chunk - z.avail_out);
+    }
+    inflateEnd(&z);
+    return result == Z_STREAM_END ? out : "";
+}
+
 }  // namespace kxcloud

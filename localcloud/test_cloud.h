@@ -137,8 +137,10 @@ private:
 std::string signed_json(const std::string &object_without_signature); /* {...,"signatureServer":"..."} */
 std::string signed_xml(const std::string &xml_without_signature); /* <signatureServer>...</signatureServer> before the root's end tag */
 
-/* gzip stream (zlib, window bits 31) of the given bytes. */
+/* gzip stream (zlib, window bits 31) of the given bytes, and the bytes of
+ * such a stream ("" when it is not one, or does not end). */
 std::string gzip_bytes(const std::string &bytes);
+std::string gunzip_bytes(const std::string &stream);
 
 }  // namespace kxcloud
 

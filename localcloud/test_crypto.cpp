@@ -98,6 +98,47 @@ std::string url_decode(const std::string &text)
     return out;
 }
 
+std::string hex_encode(const std::string &bytes)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (unsigned char c : bytes) {
+        hex += digits[c >> 4];
+        hex += digits[c & 0x0F];
+    }
+    return hex;
+}
+
+std::string hex_decode(const std::string &hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+namespace {
+
+std::string aes_cbc(char pair, const std::string &in, bool encrypt)
+{
+    const std::string key = hex_decode(pair == 'A' ? KX_TEST_AES_A_KEY : KX_TEST_AES_B_KEY);
+    const std::string iv = hex_decode(pair == 'A' ? KX_TEST_AES_A_IV : KX_TEST_AES_B_IV);
+    auto bytes = [](const std::string &t) { return reinterpret_cast<unsigned char *>(const_cast<char *>(t.data())); };
+    std::string out(in.size() + 32, '\0');
+    int n = 0, tail = 0;
+    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+    int ok = EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, bytes(key), bytes(iv), encrypt ? 1 : 0) == 1 &&
+             EVP_CipherUpdate(ctx, bytes(out), &n, bytes(in), static_cast<int>(in.size())) == 1 &&
+             EVP_CipherFinal_ex(ctx, bytes(out) + n, &tail) == 1;
+    EVP_CIPHER_CTX_free(ctx);
+    return ok ? out.substr(0, static_cast<size_t>(n + tail)) : "";
+}
+
+}  // namespace
+
+std::string aes_encrypt(char pair, const std::string &plain) { return aes_cbc(pair, plain, true); }
+std::string aes_decrypt(char pair, const std::string &cipher) { return aes_cbc(pair, cipher, false); }
+
 std::string server_signature(const std::string &text, RSA *key)
 {
     if (key == nullptr)

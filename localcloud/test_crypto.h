@@ -34,6 +34,16 @@ std::string base64_decode(const std::string &text);
 /* Undo form-style percent-encoding ("+" is a space, "%XX" a byte). */
 std::string url_decode(const std::string &text);
 
+/* AES-128-CBC with PKCS #7 padding under the key/IV pair the library was
+ * built with, 'A' (the sign-in secret, service addresses, policies) or 'B'
+ * (log uploads): the library's cipher texts made and opened independently.
+ * aes_decrypt gives "" when the padding does not check. */
+std::string aes_encrypt(char pair, const std::string &plain);
+std::string aes_decrypt(char pair, const std::string &cipher);
+/* Upper-case hexadecimal text of bytes, and bytes of such a text. */
+std::string hex_encode(const std::string &bytes);
+std::string hex_decode(const std::string &hex);
+
 /* The server's answer signature: RSA private-key operation with PKCS #1 v1.5
  * padding over MD5(text), base64. */
 std::string server_signature(const std::string &text, RSA *key = nullptr);

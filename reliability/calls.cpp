@@ -26,6 +26,7 @@
 
 #include "alloc_interposer.h"
 #include "rel_log.h"
+#include "log_services.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
 
@@ -1023,9 +1024,182 @@ void add_voice(std::vector<Call> &t, bool plain)
 
 /* ---- log service, upgrade-event report ------------------------------------- */
 
+/* The service list's addresses; the answer also carries <data>reliability</data>
+ * for the hostile matrix's edits. */
+const std::vector<std::string> kLogPolicyServices = {"policy-a.rel.example", "policy-b.rel.example"};
+const std::vector<std::string> kLogUploadServices = {"https://upload.rel.example/log"};
+/* The plain policy; it cannot be mistaken for the start of an answer. */
+const char kLogPolicyXml[] = "<?xml version=\"1.0\"?><policy><data>reliability</data><dot module=\"rel\"/></policy>";
+const char kLogText[] = "reliability log line: tuner lock lost, retrying\n";
+
+std::string log_service_list_text()
+{
+    static const std::string text = [] {
+        std::vector<std::string> policy, upload;
+        for (const std::string &a : kLogPolicyServices)
+            policy.push_back(kxcloud::log_service_address(a));
+        for (const std::string &a : kLogUploadServices)
+            upload.push_back(kxcloud::log_service_address(a));
+        std::string list = kxcloud::log_service_list(policy, upload);
+        const std::string code = "<resultCode>0</resultCode>";
+        return list.insert(list.find(code) + code.size(), "<data>reliability</data>");
+    }();
+    return text;
+}
+
+std::string log_policy_answer()
+{
+    static const std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><response><resultCode>0</resultCode>"
+                                    "<data>reliability</data><policyContent>" +
+                                    kxcloud::log_policy_content(kLogPolicyXml) + "</policyContent></response>";
+    return text;
+}
+
+/* The slots hold, in order, some of the expected addresses (an address is
+ * skipped when memory runs out while it is read), and nothing else. */
+bool slots_hold(const char (*slots)[KX_LOG_SERVICE_ADDRESS_SIZE], uint32_t count,
+                const std::vector<std::string> &expected)
+{
+    if (count > expected.size())
+        return false;
+    size_t next = 0;
+    for (uint32_t i = 0; i < KX_LOG_SERVICE_SLOTS; ++i) {
+        if (i >= count) {
+            if (slots[i][0] != '\0')
+                return false;
+            continue;
+        }
+        while (next < expected.size() && expected[next] != slots[i])
+            ++next;
+        if (next++ == expected.size())
+            return false;
+    }
+    return true;
+}
+
+/* A log call that answers into a stream of its own. On success the stream
+ * holds `expect`; a failure is the call's -1, and what a failed transfer
+ * received stays in the stream, as these calls document. */
+Call log_call(const std::string &name, const char *path, Answer answer, bool plain, std::function<int32_t(Run &)> fn,
+              const std::string &expect = "")
+{
+    Call c;
+    c.name = name + (plain ? "/http" : "");
+    c.family = "log";
+    c.path = path;
+    c.answer = answer;
+    c.plain = plain;
+    std::string file = c.name;
+    for (char &ch : file)
+        ch = ch == '/' ? '_' : ch;
+    const std::string stream_path = "/tmp/kxrel_stream_" + file;
+    c.prepare = [stream_path](Run &r) { open_stream(r, stream_path); };
+    c.invoke = [fn](Run &r) -> int64_t { return fn(r); };
+    c.judge = [expect](Run &r, int64_t result) {
+        const std::string left = stream_text(r.stream);
+        if (result == 0 && left != expect)
+            return r.fault("0 but the stream holds \"" + left.substr(0, 80) + "\"");
+        return judge_plain(r, result);
+    };
+    c.release = close_stream;
+    return c;
+}
+
+/* An upload: on success the cloud received the log (decoded back, where the
+ * form allows) and its answer is in the stream. */
+Call upload_call(const std::string &name, bool plain, bool decodes, std::function<int32_t(Run &)> fn)
+{
+    Call c = log_call(name, "/log/upload", Answer::Raw, plain, std::move(fn), kRawBody);
+    auto answered = c.judge;
+    c.judge = [decodes, answered](Run &r, int64_t result) {
+        const Outcome outcome = answered(r, result);
+        if (outcome != Outcome::Success)
+            return outcome;
+        const std::string body = r.cloud->last().body;
+        if (decodes ? kxcloud::decoded_log_upload(body) != kLogText : body.compare(0, 11, "{\"logmsg\":\"") != 0)
+            return r.fault("0 but the cloud received \"" + body.substr(0, 60) + "\"");
+        return Outcome::Success;
+    };
+    return c;
+}
+
 void add_log(std::vector<Call> &t)
 {
-    (void)t;
+    for (bool plain : {false, true}) {
+        Call list = log_call("KX_LOG_GET_SERVICELIST", "/pds/getAppServiceList", Answer::ServiceList, plain, [](Run &r) {
+            KX_LOG_SERVICE_REQ_S rec = {r.mode(), 1, "1.0", "appkey-rel", "token-rel"};
+            return KX_LOG_GET_SERVICELIST(&rec, r.domain.c_str(),
+                                          reinterpret_cast<KX_LOG_SERVICE_LIST_S *>(r.buffer.data()), &r.stream);
+        }, verified_text(Answer::ServiceList));
+        list.signed_answer = true;
+        auto open = list.prepare;
+        list.prepare = [open](Run &r) {
+            open(r);
+            r.buffer.assign(sizeof(KX_LOG_SERVICE_LIST_S), '\x5A'); /* the caller's list, not yet zeroed */
+        };
+        auto verified = list.judge;
+        list.judge = [verified](Run &r, int64_t result) {
+            const Outcome outcome = verified(r, result);
+            const auto *l = reinterpret_cast<const KX_LOG_SERVICE_LIST_S *>(r.buffer.data());
+            if (outcome == Outcome::Success &&
+                (!slots_hold(l->as8PolicyService, l->u32PolicyServiceNum, kLogPolicyServices) ||
+                 !slots_hold(l->as8UploadService, l->u32UploadServiceNum, kLogUploadServices)))
+                return r.fault("0 but the slots hold other addresses");
+            return outcome;
+        };
+        t.push_back(list);
+
+        Call policy = log_call("KX_LOG_QUERY_POLICY", "/log/get_strategy", Answer::Xml, plain, [](Run &r) {
+            KX_LOG_POLICY_REQ_S rec = {r.mode(), 0, 3, 1, 0, 0, 0, 0, "token-rel"};
+            return KX_LOG_QUERY_POLICY(&rec, r.domain.c_str(), &r.stream);
+        }, verified_text(Answer::Xml));
+        policy.signed_answer = true;
+        t.push_back(policy);
+
+        Call all = log_call("KX_LOG_QUERY_ALL_POLICY", "/log/get_dotexception_strategy", Answer::Policy, plain,
+                            [](Run &r) {
+            KX_LOG_ALL_POLICY_REQ_S rec = {r.mode(), 0, 0, 0, 77, 0, "DE", "BR", 0, kDeviceId, "3", "cap", "9.0"};
+            return KX_LOG_QUERY_ALL_POLICY(&rec, r.domain.c_str(), &r.stream);
+        });
+        all.judge = [](Run &r, int64_t result) {
+            const std::string left = stream_text(r.stream);
+            const std::string policy = kLogPolicyXml;
+            if (result == 0) {
+                if (left != policy || ftell(r.stream) != 0)
+                    return r.fault("0 but the stream holds \"" + left.substr(0, 80) + "\"");
+                return Outcome::Success;
+            }
+            if (!is_failure(result))
+                return r.fault("result " + std::to_string(result));
+            /* The answer as received, or emptied: never part of a policy. */
+            if (!left.empty() && policy.compare(0, left.size(), left) == 0)
+                return r.fault("failed but left " + std::to_string(left.size()) + " bytes of the policy");
+            return Outcome::Failure;
+        };
+        t.push_back(all);
+
+        t.push_back(upload_call("KX_LOG_UPLOAD", plain, true, [](Run &r) {
+            KX_LOG_UPLOAD_S rec = {r.mode(), 0, 0, 0, 0, "rel", sizeof kLogText - 1, kLogText, r.target.c_str()};
+            return KX_LOG_UPLOAD(&rec, &r.stream);
+        }));
+        t.push_back(upload_call("KX_LOG_UPLOAD_EX", plain, true, [](Run &r) {
+            KX_LOG_UPLOAD_EX_S rec = {r.mode(), 0, KX_LOG_FORM_EVENT, 0, 0, kDeviceId, "E1", "0", "rel.log", 0, "rel",
+                                      sizeof kLogText - 1, kLogText, r.target.c_str()};
+            return KX_LOG_UPLOAD_EX(&rec, &r.stream);
+        }));
+        t.push_back(upload_call("KX_LOG_UPLOAD_EX/log-form", plain, false, [](Run &r) {
+            KX_LOG_UPLOAD_EX_S rec = {r.mode(), KX_LOG_COMPRESS_RAW, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, 0,
+                                      "rel", sizeof kLogText - 1, kLogText, r.target.c_str()};
+            return KX_LOG_UPLOAD_EX(&rec, &r.stream);
+        }));
+
+        Call event = log_call("KX_REPORT_UPGRADE_EVENT", "/upgrade/report_upgrade_event", Answer::Xml, plain, [](Run &r) {
+            KX_UPGRADE_EVENT_S rec = {"ext-rel", r.mode(), 1, 1, "1.0", "token-rel", "E-rel"};
+            return KX_REPORT_UPGRADE_EVENT(&rec, r.domain.c_str(), &r.stream);
+        }, verified_text(Answer::Xml));
+        event.signed_answer = true;
+        t.push_back(event);
+    }
 }
 
 /* ---- upgrade checks and advertising ----------------------------------------- */
@@ -1160,6 +1334,11 @@ std::string good_answer(Answer kind)
         static const std::string s = kxtest::signed_xml(kXmlDoc);
         return s;
     }
+    case Answer::ServiceList: {
+        static const std::string s = kxtest::signed_xml(log_service_list_text());
+        return s;
+    }
+    case Answer::Policy: return log_policy_answer();
     case Answer::Raw: return kRawBody;
     default: return "";
     }
@@ -1170,6 +1349,8 @@ std::string verified_text(Answer kind)
     switch (kind) {
     case Answer::Json: return kJsonObject;
     case Answer::Xml: return kXmlDoc;
+    case Answer::ServiceList: return log_service_list_text();
+    case Answer::Policy: return log_policy_answer();
     case Answer::Raw: return kRawBody;
     default: return "";
     }
@@ -1196,7 +1377,7 @@ void route_good(const Call &call)
     reply.body = good_answer(call.answer);
     if (call.answer == Answer::Json)
         reply.content_type = "application/json";
-    else if (call.answer == Answer::Xml)
+    else if (call.answer != Answer::Raw)
         reply.content_type = "text/xml";
     cloud().reply("*", call.path, reply);
 }

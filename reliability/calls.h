@@ -38,6 +38,8 @@ enum class Answer {
     Raw,      /* plain text, the transport members */
     Json,     /* signed JSON in the cloud's envelope */
     Xml,      /* signed XML in the cloud's envelope */
+    ServiceList, /* signed XML: the log service list with encrypted addresses */
+    Policy,   /* unsigned XML carrying an encrypted, compressed log policy */
 };
 
 enum class Outcome { Success, Failure, Fault };

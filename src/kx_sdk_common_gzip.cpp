@@ -6,6 +6,7 @@
 
 #include <zlib.h>
 
+#include "internal/kx_gzip.h"
 #include "internal/kx_log.h"
 
 namespace {
@@ -76,8 +77,23 @@ KX_API int32_t KX_SDK_GZCOMPRESS(const void *in, uint32_t inlen, void *out, uint
 
 KX_API int32_t KX_SDK_GZDECOMPRESS(const void *in, uint32_t inlen, void *out, uint32_t *outlen)
 {
+    return kx::gz_decompress(in, inlen, out, outlen, nullptr);
+}
+
+}  // extern "C"
+
+namespace kx {
+
+/* KX_SDK_GZDECOMPRESS with the one thing its result does not tell: whether
+ * the stream's end (trailer included) was reached. Its lines are the
+ * exported routine's. */
+int32_t gz_decompress(const void *in, uint32_t inlen, void *out, uint32_t *outlen, bool *ended)
+{
+    static constexpr const char *kName = "KX_SDK_GZDECOMPRESS";
+    if (ended != nullptr)
+        *ended = false;
     if (outlen == nullptr) {
-        KX_LOGE("%s %d error: %d\n", "outlen", __LINE__, Z_STREAM_ERROR);
+        KX_LOGE_AS(kName, "%s %d error: %d\n", "outlen", __LINE__, Z_STREAM_ERROR);
         return Z_STREAM_ERROR;
     }
     z_stream stream{};
@@ -85,7 +101,7 @@ KX_API int32_t KX_SDK_GZDECOMPRESS(const void *in, uint32_t inlen, void *out, ui
     stream.next_out = static_cast<Bytef *>(out);
     int result = inflateInit2_(&stream, 31, kZlibVersion, static_cast<int>(sizeof(z_stream)));
     if (result != Z_OK) {
-        KX_LOGE("%s %d error: %d\n", "inflateInit2", __LINE__, result);
+        KX_LOGE_AS(kName, "%s %d error: %d\n", "inflateInit2", __LINE__, result);
         return result;
     }
     const uint32_t capacity = *outlen;
@@ -95,13 +111,15 @@ KX_API int32_t KX_SDK_GZDECOMPRESS(const void *in, uint32_t inlen, void *out, ui
         stream.avail_out = 1;
         result = inflate(&stream, Z_NO_FLUSH);
         if (result == Z_STREAM_END) {
-            KX_LOGI("%s %d break out of while loop: %d\n", "inflate", __LINE__, result);
+            KX_LOGI_AS(kName, "%s %d break out of while loop: %d\n", "inflate", __LINE__, result);
+            if (ended != nullptr)
+                *ended = true;
             break;
         }
         if (result == Z_OK)
             continue;
         if (result != Z_DATA_ERROR) {
-            KX_LOGE("%s %d error: %d\n", "inflate", __LINE__, result);
+            KX_LOGE_AS(kName, "%s %d error: %d\n", "inflate", __LINE__, result);
             inflateEnd(&stream);
             return result;
         }
@@ -112,7 +130,7 @@ KX_API int32_t KX_SDK_GZDECOMPRESS(const void *in, uint32_t inlen, void *out, ui
         stream.avail_in = sizeof kZlibHeader;
         result = inflate(&stream, Z_NO_FLUSH);
         if (result != Z_OK) {
-            KX_LOGE("%s %d error: %d\n", "inflate", __LINE__, result);
+            KX_LOGE_AS(kName, "%s %d error: %d\n", "inflate", __LINE__, result);
             inflateEnd(&stream);
             return result;
         }
@@ -120,11 +138,11 @@ KX_API int32_t KX_SDK_GZDECOMPRESS(const void *in, uint32_t inlen, void *out, ui
     }
     result = inflateEnd(&stream);
     if (result != Z_OK) {
-        KX_LOGE("%s %d error: %d\n", "inflateEnd", __LINE__, result);
+        KX_LOGE_AS(kName, "%s %d error: %d\n", "inflateEnd", __LINE__, result);
         return result;
     }
     *outlen = static_cast<uint32_t>(stream.total_out);
     return 0;
 }
 
-}  // extern "C"
+}  // namespace kx

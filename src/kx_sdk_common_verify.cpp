@@ -22,16 +22,13 @@
 #include <cstring>
 #include <unistd.h>
 
-#include <cjson/cJSON.h>
-#include <libxml/encoding.h>
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-
 #include "kx_sdk_security.h"
 #include "kx_sdk_verify.h"
 #include "internal/kx_buffer.h"
+#include "internal/kx_json.h"
 #include "internal/kx_log.h"
 #include "internal/kx_owned.h"
+#include "internal/kx_xml.h"
 
 namespace {
 
@@ -41,17 +38,9 @@ constexpr const char kJsonKey[] = "signatureServer";
 constexpr std::size_t kOpenTagLength = sizeof(kOpenTag) - 1;
 constexpr std::size_t kCloseTagLength = sizeof(kCloseTag) - 1;
 
-// NOBLANKS | NSCLEAN | COMPACT: the answers are read without blank text nodes.
-constexpr int kXmlReadOptions = XML_PARSE_NOBLANKS | XML_PARSE_NSCLEAN | XML_PARSE_COMPACT;
-static_assert(kXmlReadOptions == 73984, "the tag readers parse with options 73984");
-
-void free_json_text(char *text) { cJSON_free(text); }
-void free_xml_text(xmlChar *text) { xmlFree(text); }
-
-using JsonTree = kx::Owned<cJSON, cJSON_Delete>;
-using JsonText = kx::Owned<char, free_json_text>;
-using XmlDoc = kx::Owned<xmlDoc, xmlFreeDoc>;
-using XmlText = kx::Owned<xmlChar, free_xml_text>;
+using kx::JsonText;
+using kx::JsonTree;
+using kx::XmlText;
 
 /* How a cut-and-check of one answer ended. An answer without any XML
  * signature element is told apart because its file is left as it is. */
@@ -245,35 +234,11 @@ kx::Buffer copy_record(const KX_SDK_DATA_BUF_S *record, std::size_t &n)
     return copy;
 }
 
-/* The declared encoding of the tag readers' documents. libxml2 reaches
- * GB2312 through iconv; where iconv lacks it the document's own declaration
- * (or UTF-8) is used instead of failing every parse. */
-const char *tag_reader_encoding()
-{
-    static const char *const encoding = []() -> const char * {
-        xmlCharEncodingHandlerPtr handler = xmlFindCharEncodingHandler("GB2312");
-        if (handler == nullptr)
-            return nullptr;
-        xmlCharEncCloseFunc(handler);
-        return "GB2312";
-    }();
-    return encoding;
-}
-
 /* Parses the stream from its start and finds the first direct child of the
  * root element named tag. On success content holds that element's text. */
 bool read_tag(const char *fn, std::FILE *stream, const char *tag, XmlText &content)
 {
-    std::fflush(stream);
-    std::fseek(stream, 0, SEEK_SET);
-    /* libxml2 can run out of memory while storing an element's text and still
-     * hand back the document, with that text missing: such a parse counts as
-     * a failed one. */
-    xmlResetLastError();
-    XmlDoc doc(xmlReadFd(fileno(stream), nullptr, tag_reader_encoding(), kXmlReadOptions));
-    const xmlError *last = xmlGetLastError();
-    if (doc && last != nullptr && last->code == XML_ERR_NO_MEMORY)
-        doc.reset();
+    kx::XmlDoc doc = kx::read_xml_stream(stream);
     if (!doc) {
         KX_LOGE_AS(fn, "Failed to call xmlReadFd().\n");
         return false;

@@ -1,17 +1,19 @@
 /*
- * Upgrade module: the firmware and the application upgrade checks. Each call
- * is the request frame (internal/kx_request.h) without its signing steps: the
- * body carries the caller's access token and fixed keys instead of a
- * signature, the answer goes into the caller's stream and the XML verifier
- * judges it. Two differences from the signed calls stand in each call:
- *  - the arguments are checked before the initialisation;
- *  - a failed post ends the call at once, with the call's own line and
- *    result, and nothing is verified.
+ * Upgrade module: the firmware and the application upgrade checks. Both are
+ * unsigned stream calls (internal/kx_stream_call.h): the body carries the
+ * caller's access token and fixed keys instead of a signature, the answer
+ * goes into the caller's stream and the XML verifier judges it. As in the
+ * other unsigned calls, the arguments are checked before the initialisation,
+ * and a failed post ends the call at once, with the call's own line and
+ * result, before anything is verified.
  */
+#include <cstdio>
 #include <cstring>
 
+#include "internal/kx_buffer.h"
 #include "internal/kx_log.h"
 #include "internal/kx_request.h"
+#include "internal/kx_stream_call.h"
 #include "kx_cloud_openapi.h"
 
 namespace {
@@ -40,10 +42,17 @@ kx::FixedText<16> language_text(uint32_t language)
     return text;
 }
 
-kx::Call upgrade_call(const char *name, const char *path, uint32_t change_to_http, FILE **ppStream)
+constexpr const char *kUrlFailure = "failed to call KX_SDK_CREATE_URL().\n";
+
+/* The zeroed body of the documented allocation; "out of memory." when it
+ * cannot be had. The allocation always holds the text (its allowances are the
+ * fixed characters of the format and the terminator). */
+kx::Buffer body_buffer(const char *name, size_t allocation)
 {
-    return {name, path, change_to_http, kx::Method::Post, kx::kNoMark, kx::Sink::caller(ppStream), kx::Verifier::Xml,
-            "failed to call KX_SDK_CREATE_URL().\n"};
+    kx::Buffer body(allocation);
+    if (!body.ok())
+        KX_LOGE_AS(name, "out of memory.\n");
+    return body;
 }
 
 }  // namespace
@@ -56,8 +65,8 @@ KX_API int32_t KX_UPGRADE_CHECK_VERSION(const KX_UPGRADE_CHECK_S *psCheck, const
     if (!kx::initialised_for(__func__))
         return -1;
 
-    kx::Request call(upgrade_call(__func__, "/upgrade/check_version", psCheck->u32ChangeToHttp, ppStream));
-    if (!call.build_url(ps8Domain))
+    kx::StreamCall call(__func__, psCheck->u32ChangeToHttp, ppStream);
+    if (!call.create_url(ps8Domain, "/upgrade/check_version", kUrlFailure))
         return -1;
 
     const kx::FixedText<16> language = language_text(psCheck->u32LanguageId);
@@ -66,26 +75,25 @@ KX_API int32_t KX_UPGRADE_CHECK_VERSION(const KX_UPGRADE_CHECK_S *psCheck, const
     const OptionalKey brand{"&brandCode=", psCheck->ps8BrandCode};
     const OptionalKey mac{"&MAC=", psCheck->ps8Mac};
 
-    /* Unsigned: no parameter text and no signature, so the allowance is the
-     * body's whole allocation: the values, 59 for the fixed part, the
-     * optional keys given, and 60 for the tail. */
+    /* The values, 59 for the fixed part, the optional keys given, and 60 for
+     * the tail. */
     const size_t allocation = strlen(psCheck->ps8CurrentVersion) + strlen(psCheck->ps8DvcRsv) +
                               strlen(psCheck->ps8AccessToken) + language.length() + 59 + stat.allowance() +
                               post.allowance() + brand.allowance() + mac.allowance() + 60;
-    if (!call.print_body(allocation, "%s&currentVersion=%s&dvcRsv=%s%s%s%s%s%s%s%s%s&accessToken=%s%s&languageId=%s",
-                         "msgVersion=513&msgType=256&msgId=66", psCheck->ps8CurrentVersion, psCheck->ps8DvcRsv,
-                         stat.key(), stat.text(), post.key(), post.text(), brand.key(), brand.text(), mac.key(),
-                         mac.text(), psCheck->ps8AccessToken, kFixedKeys, language.c_str()))
+    kx::Buffer body = body_buffer(__func__, allocation);
+    if (!body.ok())
         return -1;
+    std::snprintf(body.get(), allocation, "%s&currentVersion=%s&dvcRsv=%s%s%s%s%s%s%s%s%s&accessToken=%s%s&languageId=%s",
+                  "msgVersion=513&msgType=256&msgId=66", psCheck->ps8CurrentVersion, psCheck->ps8DvcRsv, stat.key(),
+                  stat.text(), post.key(), post.text(), brand.key(), brand.text(), mac.key(), mac.text(), psCheck->ps8AccessToken, kFixedKeys, language.c_str());
 
-    if (!call.send())
-        return -1;
     /* The post's own result is the call's, over either scheme. */
-    if (call.transport_result() != 0) {
-        KX_LOGE("Failed to call KX_SDK_HTTP_POST.\n");
-        return call.transport_result();
-    }
-    return call.verify(nullptr);
+    const int32_t posted = call.post({KX_SDK_HTTP_POST, KX_SDK_HTTPS_POST}, body.get(),
+                                     static_cast<int32_t>(strlen(body.get())), "Failed to call KX_SDK_HTTP_POST.\n");
+    if (posted != 0)
+        return posted;
+    body.reset();
+    return call.verify_xml("failed to verify xml data!\n");
 }
 
 KX_API int32_t KX_APP_UPGRADE_CHECK_VERSION(const KX_APP_UPGRADE_CHECK_S *psCheck, const char *ps8Domain,
@@ -97,8 +105,8 @@ KX_API int32_t KX_APP_UPGRADE_CHECK_VERSION(const KX_APP_UPGRADE_CHECK_S *psChec
     if (!kx::initialised_for(__func__))
         return -1;
 
-    kx::Request call(upgrade_call(__func__, "/upgrade/check_app_version", psCheck->u32ChangeToHttp, ppStream));
-    if (!call.build_url(ps8Domain))
+    kx::StreamCall call(__func__, psCheck->u32ChangeToHttp, ppStream);
+    if (!call.create_url(ps8Domain, "/upgrade/check_app_version", kUrlFailure))
         return -1;
 
     const kx::FixedText<16> language = language_text(psCheck->u32LanguageId);
@@ -109,17 +117,17 @@ KX_API int32_t KX_APP_UPGRADE_CHECK_VERSION(const KX_APP_UPGRADE_CHECK_S *psChec
     const size_t allocation = strlen(psCheck->ps8PackageName) + strlen(psCheck->ps8CurrentVersion) +
                               strlen(psCheck->ps8AccessToken) + language.length() + 59 + stat.allowance() +
                               post.allowance() + 60;
-    if (!call.print_body(allocation, "packageName=%s&currentVersion=%s%s%s%s%s&accessToken=%s%s&languageId=%s",
-                         psCheck->ps8PackageName, psCheck->ps8CurrentVersion, stat.key(), stat.text(), post.key(),
-                         post.text(), psCheck->ps8AccessToken, kFixedKeys, language.c_str()))
+    kx::Buffer body = body_buffer(__func__, allocation);
+    if (!body.ok())
         return -1;
+    std::snprintf(body.get(), allocation, "packageName=%s&currentVersion=%s%s%s%s%s&accessToken=%s%s&languageId=%s",
+                  psCheck->ps8PackageName, psCheck->ps8CurrentVersion, stat.key(), stat.text(), post.key(),
+                  post.text(), psCheck->ps8AccessToken, kFixedKeys, language.c_str());
 
-    if (!call.send())
-        return -1;
     /* Names the secure member over either scheme, and gives -1. */
-    if (call.transport_result() != 0) {
-        KX_LOGE("Failed to call KX_SDK_HTTPS_POST.\n");
+    if (call.post({KX_SDK_HTTP_POST, KX_SDK_HTTPS_POST}, body.get(), static_cast<int32_t>(strlen(body.get())),
+                  "Failed to call KX_SDK_HTTPS_POST.\n") != 0)
         return -1;
-    }
-    return call.verify(nullptr);
+    body.reset();
+    return call.verify_xml("failed to verify xml data!\n");
 }

@@ -1,0 +1,612 @@
+/*
+ * Log service calls against the local cloud: the exact URLs and bodies on the
+ * wire, the service list's slots, the policy pipeline end to end with a policy
+ * made here (gzip, base64, AES, hex) and its 32-times bound, upload bodies
+ * decoded back to the log bytes with the test's own cryptography, the
+ * upgrade-event report, and how each call refuses.
+ */
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kx_cloud_openapi.h"
+#include "log_capture.h"
+#include "log_services.h"
+#include "test_cloud.h"
+#include "test_crypto.h"
+
+namespace {
+
+using kxcloud::Cloud;
+
+std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char *format, ...)
+{
+    char text[4096];
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+    return text;
+}
+
+/* A caller's stream, opened for reading and writing. */
+struct Stream {
+    FILE *f = tmpfile();
+    ~Stream() { if (f) fclose(f); }
+    std::string text() const
+    {
+        std::string t(1 << 20, '\0');
+        rewind(f);
+        t.resize(fread(&t[0], 1, t.size(), f));
+        return t;
+    }
+};
+
+/* A line of `call` whose message is exactly `message`. */
+bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kError)
+{
+    const std::string head = call + "(): ";
+    for (const kxtest::LogLine &line : kxtest::log_lines()) {
+        const size_t at = line.text.find(head);
+        if (line.level == level && at != std::string::npos && line.text.substr(at + head.size()) == message)
+            return true;
+    }
+    return false;
+}
+
+std::string route(const kxcloud::Request &r) { return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path; }
+
+std::string hex_of_policy(const std::string &policy)
+{
+    return kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode(kxcloud::gzip_bytes(policy))));
+}
+
+std::string all_policy_answer(const std::string &code, const std::string &content)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response><resultCode>" + code +
+           "</resultCode><policySeq>7</policySeq><policyContent>" + content + "</policyContent></response>";
+}
+
+/* cJSON's printing of a string's bytes. */
+std::string json_escaped(const std::string &bytes)
+{
+    std::string out;
+    for (unsigned char c : bytes) {
+        switch (c) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\b': out += "\\b"; break;
+        case '\f': out += "\\f"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default: out += c < 0x20 ? fmt("\\u%04x", c) : std::string(1, static_cast<char>(c));
+        }
+    }
+    return out;
+}
+
+std::string pseudo_random(size_t n, unsigned seed)
+{
+    std::string bytes(n, '\0');
+    for (char &c : bytes) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
+const KX_LOG_SERVICE_REQ_S kServiceReq = {0, 2, "3.1.0", "tv.appkey.7", "AT-1"};
+const KX_LOG_POLICY_REQ_S kPolicyReq = {0, 0, 5, 2, 0, 0, 0, 0, "AT-1"};
+const KX_LOG_ALL_POLICY_REQ_S kAllReq = {0, 0, 0, 0, 1077, 0, "DE", "BR", 0, "DEV-1", "12", "CAP", "9.0"};
+const KX_UPGRADE_EVENT_S kEvent = {"ext-info", 0, 3, 1, "V8.1", "AT-1", "EV-42"};
+
+class Log : public ::testing::Test {
+protected:
+    Cloud &cloud = Cloud::shared();
+    std::string domain;
+    KX_LOG_SERVICE_LIST_S list{};
+
+    void SetUp() override
+    {
+        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
+        fresh();
+        domain = cloud.https_domain();
+    }
+    void fresh()
+    {
+        cloud.reset();
+        kxcloud::register_log_services(cloud);
+        kxtest::clear_log();
+    }
+    bool plain_ready() { return cloud.http_ready(); }
+    std::string upload_url(bool plain, const std::string &query = "?device=DEV-1")
+    {
+        return (plain ? "http://" + cloud.http_domain() + ":80" : "https://" + domain) + "/log/upload" + query;
+    }
+};
+
+/* ---- refusals ------------------------------------------------------------------ */
+
+TEST_F(Log, ArgumentsAreCheckedBeforeTheInitialisationAndNothingIsSent)
+{
+    Stream s;
+    FILE *closed = nullptr;
+    const char *d = domain.c_str();
+    const KX_LOG_UPLOAD_S upload = {0, 0, 0, 0, 0, "tag", 3, "log", "https://127.0.0.1:1/x"};
+    const KX_LOG_UPLOAD_EX_S upload_ex = {0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, 0, "tag", 3, "log", "https://127.0.0.1:1/x"};
+    struct Case { const char *name; std::function<int32_t()> bad, good; };
+    const Case cases[] = {
+        {"KX_LOG_GET_SERVICELIST", [&] { auto r = kServiceReq; r.ps8AppKey = nullptr; return KX_LOG_GET_SERVICELIST(&r, d, &list, &s.f); },
+         [&] { return KX_LOG_GET_SERVICELIST(&kServiceReq, d, &list, &s.f); }},
+        {"KX_LOG_GET_SERVICELIST", [&] { return KX_LOG_GET_SERVICELIST(&kServiceReq, d, nullptr, &s.f); }, nullptr},
+        {"KX_LOG_GET_SERVICELIST", [&] { return KX_LOG_GET_SERVICELIST(&kServiceReq, d, &list, &closed); }, nullptr},
+        {"KX_LOG_QUERY_POLICY", [&] { auto r = kPolicyReq; r.ps8AccessToken = nullptr; return KX_LOG_QUERY_POLICY(&r, d, &s.f); },
+         [&] { return KX_LOG_QUERY_POLICY(&kPolicyReq, d, &s.f); }},
+        {"KX_LOG_QUERY_POLICY", [&] { return KX_LOG_QUERY_POLICY(&kPolicyReq, nullptr, &s.f); }, nullptr},
+        {"KX_LOG_QUERY_ALL_POLICY", [&] { auto r = kAllReq; r.ps8DeviceId = nullptr; return KX_LOG_QUERY_ALL_POLICY(&r, d, &s.f); },
+         [&] { return KX_LOG_QUERY_ALL_POLICY(&kAllReq, d, &s.f); }},
+        {"KX_LOG_QUERY_ALL_POLICY", [&] { return KX_LOG_QUERY_ALL_POLICY(&kAllReq, d, nullptr); }, nullptr},
+        {"KX_LOG_UPLOAD", [&] { auto r = upload; r.ps8LogTag = nullptr; return KX_LOG_UPLOAD(&r, &s.f); },
+         [&] { return KX_LOG_UPLOAD(&upload, &s.f); }},
+        {"KX_LOG_UPLOAD", [&] { auto r = upload; r.ps8UploadUrl = nullptr; return KX_LOG_UPLOAD(&r, &s.f); }, nullptr},
+        {"KX_LOG_UPLOAD_EX", [&] { auto r = upload_ex; r.ps8Data = nullptr; return KX_LOG_UPLOAD_EX(&r, &s.f); },
+         [&] { return KX_LOG_UPLOAD_EX(&upload_ex, &s.f); }},
+        {"KX_LOG_UPLOAD_EX", [&] { return KX_LOG_UPLOAD_EX(&upload_ex, &closed); }, nullptr},
+        {"KX_REPORT_UPGRADE_EVENT", [&] { auto r = kEvent; r.ps8DeviceExtInfoStr = nullptr; return KX_REPORT_UPGRADE_EVENT(&r, d, &s.f); },
+         [&] { return KX_REPORT_UPGRADE_EVENT(&kEvent, d, &s.f); }},
+        {"KX_REPORT_UPGRADE_EVENT", [&] { auto r = kEvent; r.ps8EventCode = nullptr; return KX_REPORT_UPGRADE_EVENT(&r, d, &s.f); }, nullptr},
+    };
+    for (bool initialised : {true, false}) {
+        if (!initialised)
+            KX_GLOBAL_DEINIT();
+        for (const Case &c : cases) {
+            kxtest::clear_log();
+            EXPECT_EQ(c.bad(), -1) << c.name;
+            EXPECT_TRUE(logged(c.name, "invalid arg!\n")) << c.name << (initialised ? "" : " before initialisation");
+            EXPECT_FALSE(kxtest::log_contains("KX_GLOBAL_INIT")) << c.name;
+            if (!initialised && c.good) {
+                kxtest::clear_log();
+                EXPECT_EQ(c.good(), -1) << c.name;
+                EXPECT_TRUE(logged(c.name, "please firstly to call KX_GLOBAL_INIT()!\n")) << c.name;
+            }
+        }
+    }
+    EXPECT_TRUE(cloud.requests().empty());
+    EXPECT_EQ(s.text(), "");
+}
+
+/* ---- URLs ------------------------------------------------------------------------ */
+
+TEST_F(Log, QueriesGoToTheirDocumentedUrlsOnBothSchemes)
+{
+    struct Case { const char *name; std::function<int32_t(uint32_t, const char *, FILE **)> run; std::string target, line; };
+    const Case cases[] = {
+        {"KX_LOG_GET_SERVICELIST",
+         [&](uint32_t http, const char *d, FILE **f) { auto r = kServiceReq; r.u32ChangeToHttp = http; return KX_LOG_GET_SERVICELIST(&r, d, &list, f); },
+         "/pds/getAppServiceList?appVersion=3.1.0&refAppKey=tv.appkey.7&version=7.0&format=0&sourceType=1&languageId=2&accessToken=AT-1",
+         "GetServiceList url is %s!\n"},
+        {"KX_LOG_QUERY_POLICY",
+         [](uint32_t http, const char *d, FILE **f) { auto r = kPolicyReq; r.u32ChangeToHttp = http; return KX_LOG_QUERY_POLICY(&r, d, f); },
+         "/log/get_strategy?msgVersion=4&msgType=9&msgId=20&deviceType=5&version=7.0&format=0&sourceType=1&languageId=2&accessToken=AT-1",
+         "url is %s.\n"},
+        {"KX_LOG_QUERY_ALL_POLICY",
+         [](uint32_t http, const char *d, FILE **f) { auto r = kAllReq; r.u32ChangeToHttp = http; return KX_LOG_QUERY_ALL_POLICY(&r, d, f); },
+         "/log/get_dotexception_strategy?policySeq=12&deviceId=DEV-1&appKey=1077&countryCode=DE&brandCode=BR&version=1"
+         "&capabilityCode=CAP&TVOSversion=9.0",
+         "url is %s.\n"},
+        {"KX_REPORT_UPGRADE_EVENT",
+         [](uint32_t http, const char *d, FILE **f) { auto r = kEvent; r.u32ChangeToHttp = http; return KX_REPORT_UPGRADE_EVENT(&r, d, f); },
+         "/upgrade/report_upgrade_event", "[Report upgrade event]========== report upgrade event url is: %s. ============\n"},
+    };
+    for (uint32_t http : {0u, 1u, 7u}) {
+        if (http == 1 && !plain_ready())
+            continue; /* reported as a skip below */
+        const std::string base = http == 1 ? "http://127.0.0.1:80" : "https://" + domain;
+        const std::string d = http == 1 ? cloud.http_domain() : domain;
+        for (const Case &c : cases) {
+            fresh();
+            Stream s;
+            EXPECT_EQ(c.run(http, d.c_str(), &s.f), 0) << c.name << " " << http;
+            EXPECT_EQ(cloud.last().tls, http != 1) << c.name;
+            EXPECT_EQ(cloud.last().target, c.target) << c.name;
+            EXPECT_TRUE(logged(c.name, fmt(c.line.c_str(), (base + c.target).c_str()), kxtest::kInfo)) << c.name << " " << http;
+        }
+    }
+
+    /* Absent optional texts go as empty values; the URL is cut at 1023 characters. */
+    KX_LOG_ALL_POLICY_REQ_S bare = {0, 0, 0, 0, 4000000000u, 0, nullptr, nullptr, 0, "DEV-2", nullptr, nullptr, nullptr};
+    Stream s;
+    EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&bare, domain.c_str(), &s.f), 0);
+    EXPECT_EQ(cloud.last().target, "/log/get_dotexception_strategy?policySeq=&deviceId=DEV-2&appKey=4000000000&countryCode="
+                                   "&brandCode=&version=1&capabilityCode=&TVOSversion=");
+    EXPECT_TRUE(logged("KX_LOG_QUERY_ALL_POLICY", "policySeq = , deviceId = DEV-2\n", kxtest::kInfo));
+    const std::string token(1100, 't');
+    KX_LOG_SERVICE_REQ_S long_token = {0, 1, nullptr, "K", token.c_str()};
+    Stream s2;
+    EXPECT_EQ(KX_LOG_GET_SERVICELIST(&long_token, domain.c_str(), &list, &s2.f), 0);
+    const std::string head = "/pds/getAppServiceList?appVersion=&refAppKey=K&version=7.0&format=0&sourceType=1&languageId=1&accessToken=";
+    EXPECT_EQ(cloud.last().target, head + token.substr(0, 1023 - ("https://" + domain + head).size()));
+    if (!plain_ready())
+        GTEST_SKIP() << "the plain-HTTP cases need port 80 (scripts/in-netns.sh)";
+}
+
+/* ---- service list ------------------------------------------------------------------ */
+
+TEST_F(Log, ServiceListFillsEightSlotsOfEachKindInDocumentOrder)
+{
+    auto addresses = [](const char *stem, int n) {
+        std::vector<std::string> a;
+        for (int i = 1; i <= n; ++i)
+            a.push_back(fmt("%s-%d.example.invalid", stem, i));
+        return a;
+    };
+    auto encrypted = [](const std::vector<std::string> &plain) {
+        std::vector<std::string> hex;
+        for (const std::string &p : plain)
+            hex.push_back(kxcloud::log_service_address(p));
+        return hex;
+    };
+    const std::string long_address(300, 'x');
+    /* The first block of a longer cipher text: its last byte (a 'b') is no padding. */
+    const std::string undecryptable = kxcloud::log_service_address("https://policy-broken.example.invalid").substr(0, 32);
+    struct Case {
+        const char *what;
+        std::vector<std::string> policy_hex, upload_hex, policy, upload; /* wire; expected slots */
+        int decrypted;
+        std::vector<int> bad_padding = {}; /* what the undecryptable ones end in */
+    };
+    const std::vector<std::string> ten = addresses("policy", 10), three = addresses("upload", 3);
+    const Case cases[] = {
+        {"two and three", encrypted(addresses("policy", 2)), encrypted(three), addresses("policy", 2), three, 5},
+        {"more than eight", encrypted(ten), encrypted(addresses("upload", 9)), {ten.begin(), ten.begin() + 8},
+         addresses("upload", 8), 16},
+        {"undecryptable and empty", {encrypted(three)[0], undecryptable, "", encrypted(three)[2]}, {},
+         {three[0], "", "", three[2]}, {}, 2, {'b', 0}},
+        {"too long for a slot", {encrypted({long_address})[0]}, encrypted({"u"}), {long_address.substr(0, 255)}, {"u"}, 2},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh();
+        const std::string answer = kxcloud::log_service_list(c.policy_hex, c.upload_hex);
+        cloud.reply("GET", "/pds/getAppServiceList", {200, kxcloud::signed_xml(answer)});
+        memset(&list, 0x5A, sizeof list);
+        Stream s;
+        ASSERT_EQ(KX_LOG_GET_SERVICELIST(&kServiceReq, domain.c_str(), &list, &s.f), 0);
+        EXPECT_EQ(s.text(), answer) << "verified: the stream holds the answer without its signature";
+        ASSERT_EQ(list.u32PolicyServiceNum, c.policy.size());
+        ASSERT_EQ(list.u32UploadServiceNum, c.upload.size());
+        for (size_t i = 0; i < KX_LOG_SERVICE_SLOTS; ++i) {
+            EXPECT_EQ(list.as8PolicyService[i], i < c.policy.size() ? c.policy[i] : "") << i;
+            EXPECT_EQ(list.as8UploadService[i], i < c.upload.size() ? c.upload[i] : "") << i;
+            EXPECT_EQ(list.as8PolicyService[i][KX_LOG_SERVICE_ADDRESS_SIZE - 1], '\0');
+        }
+        EXPECT_TRUE(logged("KX_LOG_Parser_ServiceList", fmt("success to find %zu policy service.\n", c.policy.size()), kxtest::kInfo));
+        EXPECT_TRUE(logged("KX_LOG_Parser_ServiceList", fmt("success to find %zu upload service.\n", c.upload.size()), kxtest::kInfo));
+        EXPECT_TRUE(logged("KX_LOG_GET_SERVICELIST", "success to get service list!\n", kxtest::kInfo));
+        /* Beyond the eighth nothing is decrypted. */
+        EXPECT_EQ(kxtest::log_count("Service Address is ", kxtest::kInfo), c.decrypted);
+        EXPECT_FALSE(kxtest::log_contains("policy-9.example"));
+        EXPECT_EQ(kxtest::log_count("PaddingByteNum", kxtest::kError), static_cast<int>(c.bad_padding.size()));
+        for (int pad : c.bad_padding)
+            EXPECT_TRUE(logged("KX_SDK_AES_DECRYPT", fmt("%d is invalid PaddingByteNum.", pad)));
+    }
+}
+
+TEST_F(Log, ServiceListRefusals)
+{
+    const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response>";
+    const std::string good = kxcloud::log_service_list({kxcloud::log_service_address("p")}, {});
+    struct Case { const char *what; kxcloud::Reply reply; std::vector<std::pair<std::string, std::string>> lines; bool zeroed; };
+    const Case cases[] = {
+        {"not found", {404, ""}, {{"KX_LOG_GET_SERVICELIST", "Failed to call KX_SDK_HTTP_GET.\n"}}, false},
+        {"unsigned", {200, good}, {{"KX_LOG_GET_SERVICELIST", "failed to  verify xml data!\n"}}, false},
+        {"result code 1", {200, kxcloud::signed_xml(head + "<resultCode>1</resultCode></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to parse service list, ResultCode is 1.\n"},
+          {"KX_LOG_GET_SERVICELIST", "Failed to parse servicelist xml.\n"}}, true},
+        {"no result code", {200, kxcloud::signed_xml(head + "<appServiceList/></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to find resultCode node in xml file.\n"}}, true},
+        {"not XML", {200, kxcloud::signed_xml(head + "<resultCode>0</resultCode><a></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to call xmlReadFd().\n"}, {"KX_LOG_GET_SERVICELIST", "Failed to parse servicelist xml.\n"}},
+         true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        cloud.reply("GET", "/pds/getAppServiceList", c.reply);
+        kxtest::clear_log();
+        memset(&list, 0x5A, sizeof list);
+        Stream s;
+        EXPECT_EQ(KX_LOG_GET_SERVICELIST(&kServiceReq, domain.c_str(), &list, &s.f), -1);
+        for (const auto &line : c.lines)
+            EXPECT_TRUE(logged(line.first, line.second)) << line.second;
+        /* The list is zeroed by the parser, not before. */
+        EXPECT_EQ(list.u32PolicyServiceNum, c.zeroed ? 0u : 0x5A5A5A5Au);
+    }
+}
+
+/* ---- log strategy -------------------------------------------------------------------- */
+
+TEST_F(Log, LogStrategyIsVerifiedIntoTheStream)
+{
+    Stream good;
+    ASSERT_EQ(KX_LOG_QUERY_POLICY(&kPolicyReq, domain.c_str(), &good.f), 0);
+    EXPECT_EQ(good.text(), kxcloud::log_strategy_answer());
+
+    std::string tampered = kxcloud::signed_xml(kxcloud::log_strategy_answer());
+    tampered[tampered.find("3600")] = '9';
+    const std::pair<kxcloud::Reply, const char *> cases[] = {
+        {{404, ""}, "Failed to call KX_SDK_POST.\n"},
+        {{200, tampered}, "failed to  verify xml data!\n"},
+    };
+    for (const auto &c : cases) {
+        cloud.reply("GET", "/log/get_strategy", c.first);
+        kxtest::clear_log();
+        Stream s;
+        EXPECT_EQ(KX_LOG_QUERY_POLICY(&kPolicyReq, domain.c_str(), &s.f), -1);
+        EXPECT_TRUE(logged("KX_LOG_QUERY_POLICY", c.second)) << c.second;
+        EXPECT_EQ(s.text(), "");
+    }
+}
+
+/* ---- all policy ------------------------------------------------------------------------ */
+
+TEST_F(Log, AllPolicyPipelineRewritesTheStreamWithThePlainPolicy)
+{
+    const std::string policies[] = {
+        kxcloud::kLogPolicy,
+        "<?xml version=\"1.0\"?>\n<policy><dot module=\"epg\" level=\"info\"/>" + std::string(3000, ' ') + "</policy>",
+    };
+    for (const std::string &policy : policies) {
+        fresh();
+        if (policy != kxcloud::kLogPolicy)
+            cloud.reply("GET", "/log/get_dotexception_strategy", {200, all_policy_answer("0", hex_of_policy(policy))});
+        Stream s;
+        ASSERT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), 0);
+        EXPECT_EQ(ftell(s.f), 0L) << "rewound";
+        EXPECT_EQ(s.text(), policy) << "truncated and rewritten, whether the policy is shorter than the answer or not";
+    }
+    EXPECT_TRUE(logged("KX_LOG_DECRYPT_POLICYCONTENT", fmt("policy content is %s.\n", kxtest::base64_encode(kxcloud::gzip_bytes(policies[1])).c_str()),
+                       kxtest::kInfo));
+}
+
+/* A policy of L bytes that gzips to exactly L / 32 bytes (or that and one byte more). */
+std::string policy_at_ratio(size_t extra)
+{
+    for (size_t length = 200; length < 200000; ++length) {
+        std::string policy(length, 'p');
+        if (kxcloud::gzip_bytes(policy).size() * 32 + extra == length)
+            return policy;
+    }
+    return "";
+}
+
+TEST_F(Log, AllPolicyDecompressesToAtMostThirtyTwoTimesItsSizeAndOnlyWhole)
+{
+    const std::string exact = policy_at_ratio(0), over = policy_at_ratio(1);
+    ASSERT_FALSE(exact.empty());
+    ASSERT_FALSE(over.empty());
+    std::string gz = kxcloud::gzip_bytes(exact);
+    const std::string cut = gz.substr(0, gz.size() - 4); /* the trailer's length missing */
+    auto content = [](const std::string &gzip) {
+        return kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode(gzip)));
+    };
+    struct Case { const char *what; std::string content; bool ok; };
+    const Case cases[] = {
+        {"exactly 32 times", hex_of_policy(exact), true},
+        {"32 times and one byte", hex_of_policy(over), false},
+        {"stream cut short", content(cut), false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        cloud.reply("GET", "/log/get_dotexception_strategy", {200, all_policy_answer("0", c.content)});
+        kxtest::clear_log();
+        Stream s;
+        EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), c.ok ? 0 : -1);
+        EXPECT_EQ(s.text(), c.ok ? exact : "") << "the stream is emptied before the policy goes in";
+        EXPECT_EQ(logged("KX_LOG_UNZIP_POLICY", "failed to decompress policy.\n"), !c.ok);
+        EXPECT_EQ(logged("KX_LOG_QUERY_ALL_POLICY", "Failed to unzip policy.\n"), !c.ok);
+    }
+}
+
+TEST_F(Log, AllPolicyRefusals)
+{
+    const std::string policy = hex_of_policy(kxcloud::kLogPolicy);
+    const std::string not_base64 = kxtest::hex_encode(kxtest::aes_encrypt('A', "#not base64#"));
+    const std::string not_gzip = kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode("plain, not gzip")));
+    const std::string no_padding = policy.substr(0, 32);
+    const std::string tag = "Failed to find resultCode tag.\n", unzip = "Failed to unzip policy.\n";
+    struct Case { const char *what; kxcloud::Reply reply; std::vector<std::pair<std::string, std::string>> lines; bool emptied; };
+    const Case cases[] = {
+        {"not found", {404, ""}, {{"KX_LOG_QUERY_ALL_POLICY", "Failed to call KX_SDK_HTTP_GET.\n"}}, false},
+        {"result code 00", {200, all_policy_answer("00", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
+        {"result code 0 and a blank", {200, all_policy_answer("0 ", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
+        {"result code 1", {200, all_policy_answer("1", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
+        {"no policy content", {200, "<response><resultCode>0</resultCode></response>"},
+         {{"KX_LOG_UNZIP_POLICY", "Failed to find policyContent tag.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
+        {"no padding", {200, all_policy_answer("0", no_padding)},
+         {{"KX_LOG_DECRYPT_POLICYCONTENT", "KX_SDK_AES_DECRYPT() fails!\n"},
+          {"KX_LOG_UNZIP_POLICY", "decrypt policy content failed.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
+        {"not base64", {200, all_policy_answer("0", not_base64)},
+         {{"KX_LOG_UNZIP_POLICY", "failed to decode policyContent string.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
+        {"not gzip", {200, all_policy_answer("0", not_gzip)},
+         {{"KX_LOG_UNZIP_POLICY", "failed to decompress policy.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, true},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        cloud.reply("GET", "/log/get_dotexception_strategy", c.reply);
+        kxtest::clear_log();
+        Stream s;
+        EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), -1);
+        for (const auto &line : c.lines)
+            EXPECT_TRUE(logged(line.first, line.second)) << line.second;
+        EXPECT_EQ(s.text(), c.emptied ? "" : c.reply.body);
+    }
+}
+
+/* ---- uploads ------------------------------------------------------------------------------ */
+
+TEST_F(Log, UploadPostsTheLogEncodedAsOneJsonMember)
+{
+    std::string binary = pseudo_random(300, 7);
+    binary[10] = '\0';
+    struct Case { const char *what; uint32_t http; std::string log; };
+    const Case cases[] = {
+        {"100 bytes of text", 0, std::string(60, 'w') + "player: 12:00:01 buffer underrun, rebuffering\n"},
+        {"20000 bytes", 0, [] { std::string t; while (t.size() < 20000) t += fmt("%05zu net: retry %zu\n", t.size(), t.size() % 7); return t.substr(0, 20000); }()},
+        {"binary with zero bytes", 0, binary},
+        {"incompressible, just fits 8192", 0, pseudo_random(8000, 3)},
+        {"plain http", 1, "short log over plain http\n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        if (c.http == 1 && !plain_ready())
+            continue; /* reported as a skip below */
+        fresh();
+        const std::string url = upload_url(c.http == 1);
+        const KX_LOG_UPLOAD_S r = {c.http, 0, 0, 0, 0, "player", static_cast<uint32_t>(c.log.size()), c.log.data(), url.c_str()};
+        Stream s;
+        ASSERT_EQ(KX_LOG_UPLOAD(&r, &s.f), 0);
+
+        const kxcloud::Request sent = cloud.last();
+        EXPECT_EQ(route(sent), std::string(c.http == 1 ? "http" : "https") + " POST /log/upload");
+        EXPECT_EQ(sent.query, "device=DEV-1");
+        EXPECT_EQ(sent.header("Content-Type"), "application/json");
+        const std::string head = "{\n\t\"logmsg\":\t\"", tail = "\"\n}";
+        ASSERT_EQ(sent.body.compare(0, head.size(), head), 0) << sent.body.substr(0, 40);
+        ASSERT_EQ(sent.body.compare(sent.body.size() - tail.size(), tail.size(), tail), 0);
+        const std::string value = sent.body.substr(head.size(), sent.body.size() - head.size() - tail.size());
+        EXPECT_EQ(value.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789%"), std::string::npos);
+        const std::string cipher = kxtest::base64_decode(kxtest::url_decode(value));
+        EXPECT_EQ(kxcloud::gunzip_bytes(kxtest::aes_decrypt('B', cipher)), c.log);
+        EXPECT_EQ(s.text(), fmt("{\"resultCode\":0,\"received\":%zu}", c.log.size())) << "the answer lands in the stream";
+
+        EXPECT_TRUE(logged("KX_LOG_UPLOAD", fmt("log size is %zu, gzdata size is %zu.\n", c.log.size(),
+                                                kxcloud::gzip_bytes(c.log).size()), kxtest::kInfo));
+        EXPECT_TRUE(logged("KX_LOG_UPLOAD", "upload url is [" + url + "].\n", kxtest::kInfo));
+        EXPECT_TRUE(logged("KX_LOG_UPLOAD", "json buf: [" + sent.body + "]\n", kxtest::kInfo));
+        /* The log's bytes as text, never beyond them. */
+        EXPECT_TRUE(logged("KX_LOG_UPLOAD", "Upload LogData : [" + c.log.substr(0, c.log.find('\0')) + "].\n", kxtest::kInfo));
+    }
+    if (!plain_ready())
+        GTEST_SKIP() << "the plain-HTTP case needs port 80 (scripts/in-netns.sh)";
+}
+
+TEST_F(Log, UploadExSendsTheEventOrTheLogForm)
+{
+    const std::string log = "tuner: lock lost on 602 MHz\n";
+    const std::string padded = log + std::string(8192 - log.size(), '\0'); /* raw: the working buffer, zero-filled */
+    const std::string gz_cipher = kxtest::aes_encrypt('B', kxcloud::gzip_bytes(log));
+    const std::string raw_cipher = kxtest::aes_encrypt('B', padded);
+    auto up_to_zero = [](const std::string &bytes) { return bytes.substr(0, bytes.find('\0')); };
+    struct Case { const char *what; uint32_t compress, form; const char *device; std::string body, sent; size_t packed; };
+    const Case cases[] = {
+        {"event, gzip", 1, KX_LOG_FORM_EVENT, "DEV-1",
+         "{\"message\":\"" + kxtest::base64_encode(gz_cipher) + "\",\"deviceid\":\"DEV-1\",\"eventcode\":\"E7\","
+         "\"errorcode\":\"0x1F\",\"filename\":\"tuner.log\"}", log, kxcloud::gzip_bytes(log).size()},
+        {"event, raw, no device", KX_LOG_COMPRESS_RAW, KX_LOG_FORM_EVENT, nullptr,
+         "{\"message\":\"" + kxtest::base64_encode(raw_cipher) + "\",\"deviceid\":\"\",\"eventcode\":\"E7\","
+         "\"errorcode\":\"0x1F\",\"filename\":\"tuner.log\"}", padded, 8192},
+        {"log, gzip", 0, 0, "DEV-1", "{\"logmsg\":\"" + json_escaped(up_to_zero(gz_cipher)) + "\"}", "", kxcloud::gzip_bytes(log).size()},
+        {"log, raw", KX_LOG_COMPRESS_RAW, 3, "DEV-1", "{\"logmsg\":\"" + json_escaped(up_to_zero(raw_cipher)) + "\"}", "", 8192},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh();
+        const std::string url = upload_url(false);
+        const KX_LOG_UPLOAD_EX_S r = {0, c.compress, c.form, 0, 0, c.device, "E7", "0x1F", "tuner.log", 0, "tuner",
+                                      static_cast<uint32_t>(log.size()), log.data(), url.c_str()};
+        Stream s;
+        ASSERT_EQ(KX_LOG_UPLOAD_EX(&r, &s.f), 0);
+        const kxcloud::Request sent = cloud.last();
+        EXPECT_EQ(sent.body, c.body);
+        EXPECT_EQ(sent.header("Content-Type"), "application/json");
+        if (c.form == KX_LOG_FORM_EVENT) {
+            /* The message decodes back (base64, AES pair B, gunzip unless raw) to what was sealed. */
+            const size_t at = strlen("{\"message\":\"");
+            const std::string plain =
+                kxtest::aes_decrypt('B', kxtest::base64_decode(sent.body.substr(at, sent.body.find('"', at) - at)));
+            EXPECT_EQ(c.compress == KX_LOG_COMPRESS_RAW ? plain : kxcloud::gunzip_bytes(plain), c.sent);
+        }
+        EXPECT_EQ(logged("KX_LOG_UPLOAD_EX", "raw data, no compress.\n", kxtest::kInfo), c.compress == KX_LOG_COMPRESS_RAW);
+        EXPECT_TRUE(logged("KX_LOG_UPLOAD_EX", fmt("ps8EncryptData size is %zu, gzdata size is %zu.\n", (c.packed / 16 + 1) * 16, c.packed),
+                           kxtest::kInfo));
+        EXPECT_EQ(logged("KX_LOG_UPLOAD_EX", "create json object.\n", kxtest::kInfo), c.form == KX_LOG_FORM_EVENT);
+    }
+}
+
+TEST_F(Log, UploadFailuresAreTheCallsOwn)
+{
+    const std::string url = upload_url(false), missing = "https://" + domain + "/log/nowhere";
+    const std::string random = pseudo_random(9000, 5);
+    struct Case { const char *what; std::function<int32_t(FILE **)> run; const char *name, *line; };
+    const Case cases[] = {
+        {"no such address", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 3, "log", missing.c_str()}; return KX_LOG_UPLOAD(&r, f); },
+         "KX_LOG_UPLOAD", "Failed to call KX_SDK_HTTP_POST.\n"},
+        {"no such address", [&](FILE **f) { KX_LOG_UPLOAD_EX_S r = {0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, 0, "t", 3, "log", missing.c_str()}; return KX_LOG_UPLOAD_EX(&r, f); },
+         "KX_LOG_UPLOAD_EX", "Failed to call KX_SDK_HTTP_POST.\n"},
+        {"empty log", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 0, "", url.c_str()}; return KX_LOG_UPLOAD(&r, f); },
+         "KX_LOG_UPLOAD", "failed to Compress logdata.\n"},
+        /* 9000 bytes that do not compress overflow their 9000-byte working buffer. */
+        {"incompressible 9000 bytes", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 9000, random.data(), url.c_str()}; return KX_LOG_UPLOAD(&r, f); },
+         "KX_LOG_UPLOAD", "failed to Compress logdata.\n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh();
+        Stream s;
+        EXPECT_EQ(c.run(&s.f), -1);
+        EXPECT_TRUE(logged(c.name, c.line));
+        EXPECT_EQ(cloud.requests().size(), std::string(c.line).find("POST") != std::string::npos ? 1u : 0u);
+    }
+}
+
+/* ---- upgrade-event report ----------------------------------------------------------------- */
+
+static_assert(offsetof(KX_UPGRADE_EVENT_S, u32ChangeToHttp) == sizeof(const char *),
+              "the upgrade-event record has its scheme selector second");
+
+TEST_F(Log, UpgradeEventPostsItsFormWithMark100AndVerifiesTheAnswer)
+{
+    const KX_UPGRADE_EVENT_S without_version = {"ext", 0, 4000000000u, 0, nullptr, "AT-2", "E2"};
+    const std::pair<const KX_UPGRADE_EVENT_S *, std::string> cases[] = {
+        {&kEvent, "deviceExtInfoStr=ext-info&eventCode=EV-42&accessToken=AT-1&version=V8.1&sourceType=3&languageId=1"},
+        {&without_version, "deviceExtInfoStr=ext&eventCode=E2&accessToken=AT-2&version=&sourceType=4000000000&languageId=0"},
+    };
+    for (const auto &c : cases) {
+        fresh();
+        Stream s;
+        ASSERT_EQ(KX_REPORT_UPGRADE_EVENT(c.first, domain.c_str(), &s.f), 0);
+        EXPECT_EQ(route(cloud.last()), "https POST /upgrade/report_upgrade_event");
+        EXPECT_EQ(cloud.last().body, c.second);
+        EXPECT_TRUE(kxtest::log_contains("Mark: 100"));
+        EXPECT_EQ(s.text(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response><resultCode>0</resultCode></response>");
+        EXPECT_TRUE(logged("KX_REPORT_UPGRADE_EVENT",
+                           fmt("[Report upgrade event]========== \n post body is %s. \n u32PostBodySize = %zu. \n============\n",
+                               c.second.c_str(), c.second.size() + 1), kxtest::kInfo));
+    }
+
+    std::string tampered = kxcloud::signed_xml("<response><resultCode>0</resultCode></response>");
+    tampered[tampered.find("0</resultCode>")] = '1';
+    struct Case { kxcloud::Reply reply; const char *domain, *line; };
+    const Case refusals[] = {
+        {{404, ""}, domain.c_str(), "[Report upgrade event]Failed to call KX_SDK_HTTP_POST.\n"},
+        {{200, tampered}, domain.c_str(), "[Report upgrade event]failed to verify xml data!\n"},
+        {{200, ""}, nullptr, "[Report upgrade event] failed to call KX_SDK_CREATE_URL().\n"},
+    };
+    for (const Case &c : refusals) {
+        cloud.reply("POST", "/upgrade/report_upgrade_event", c.reply);
+        kxtest::clear_log();
+        Stream s;
+        EXPECT_EQ(KX_REPORT_UPGRADE_EVENT(&kEvent, c.domain, &s.f), -1);
+        EXPECT_TRUE(logged("KX_REPORT_UPGRADE_EVENT", c.line)) << c.line;
+        EXPECT_EQ(s.text(), "");
+    }
+}
+
+}  // namespace
