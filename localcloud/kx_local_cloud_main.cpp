@@ -20,6 +20,7 @@
 #include <cstdlib>
 
 #include "device_services.h"
+#include "external_services.h"
 #include "test_cloud.h"
 
 int main(int argc, char **argv)
@@ -44,6 +45,7 @@ int main(int argc, char **argv)
         return 1;
     }
     kxcloud::register_device_services(cloud);
+    kxcloud::register_external_services(cloud);
     std::printf("%s\n", cloud.https_domain().c_str());
     std::fflush(stdout);
     std::fprintf(stderr, "kx_local_cloud: serving https://%s%s for at most %ld s\n", cloud.https_domain().c_str(),
