@@ -88,14 +88,10 @@ Fields fields_of(const KX_SDK_FETCH_REQ_V31_S *r)
                   r->ps8SignBody, r->ps8Body, r->ps8ConnectHeaders};
 }
 
-/* The required texts; `needs_sign_body` when the call is to sign. */
-bool fields_valid(const Fields &f, bool needs_sign_body)
-{
-    return f.body != nullptr && f.url != nullptr && f.func_name != nullptr &&
-           !(needs_sign_body && f.sign_body == nullptr);
-}
-
-bool mode_signs(int32_t mode) { return mode == 1 || mode == 2; }
+/* Whether the record asks for a signature, and so needs its sign body: the
+ * base record's flag, the V31 record's modes 1 and 2. */
+bool signs(const KX_SDK_FETCH_REQ_S *r) { return r->s32Sign != 0; }
+bool signs(const KX_SDK_FETCH_REQ_V31_S *r) { return r->s32SignMode == 1 || r->s32SignMode == 2; }
 
 /* The input block. The mark members add their mark, and their sign body line
  * ends in " *end". All three calls open with the base call's banner. */
@@ -113,6 +109,28 @@ void log_inputs(const char *fn, const Fields &f, bool with_mark)
     else
         KX_LOGI_AS(fn, "    ps8SignBody: %s\n", shown(f.sign_body));
     KX_LOGI_AS(fn, "=================KX_SDK_FETCH_DATA end=================\n");
+}
+
+/* The opening of every fetch: the initialisation check, the argument check
+ * (request, answer out, body, URL and function name; the sign body when the
+ * record asks for a signature), then the input block. False when the call
+ * is refused and returns -1. */
+template <typename Record>
+bool accepted(const char *fn, const Record *req, char **answer, bool with_mark, Fields &f)
+{
+    if (!kx::initialised_for(fn))
+        return false;
+    if (req == nullptr || answer == nullptr) {
+        kx::invalid_arg(fn);
+        return false;
+    }
+    f = fields_of(req);
+    if (f.body == nullptr || f.url == nullptr || f.func_name == nullptr || (signs(req) && f.sign_body == nullptr)) {
+        kx::invalid_arg(fn);
+        return false;
+    }
+    log_inputs(fn, f, with_mark);
+    return true;
 }
 
 /* The caller's header object; null when there is none, when it does not
@@ -149,6 +167,14 @@ int32_t convert_headers(const char *fn, Json &object, const char *sign_for, KX_S
     object.reset();
     return 0;
 }
+
+/* What a fetch zeroes before anything else: the two 512-byte signature
+ * texts and the header records. */
+struct Scratch {
+    char body_signature[kSignatureSize] = {};
+    char header_signature[kSignatureSize] = {};
+    KX_SDK_HTTP_HEADER_S headers[KX_SDK_FETCH_MAX_HEADERS] = {};
+};
 
 /* The heap texts of one fetch, released at its end through KX_SDK_FREE in
  * the order they are built, whether built or not. */
@@ -268,6 +294,24 @@ int32_t deliver_verified(const char *fn, int32_t transferred, const KX_SDK_DATA_
     return 0;
 }
 
+/* The rest of a verified call: the URL or body (with "&sign=" and
+ * `appended` unless that is null), a zeroed answer record, the transfer
+ * (by the _MARK members for the mark family) and the verdict. */
+int32_t send_verified(const char *fn, const Fields &f, const char *appended, Texts &texts, const Scratch &work,
+                      int32_t count, bool mark_family, char **answer)
+{
+    const int32_t built = build_request(fn, f, appended, texts);
+    if (built != 0)
+        return built;
+    kx::Buffer area = answer_record();
+    if (!area.ok()) {
+        KX_LOGE_AS(fn, "out of memory.\n");
+        return kOutOfMemory;
+    }
+    const int32_t transferred = transfer(f, texts, record_of(area), work.headers, count, mark_family);
+    return deliver_verified(fn, transferred, record_of(area), mark_family, answer);
+}
+
 }  // namespace
 
 extern "C" {
@@ -310,25 +354,17 @@ KX_API int32_t KX_SDK_GET_HTTP_HEADER(const cJSON *pstJson, KX_SDK_HTTP_HEADER_S
 
 KX_API int32_t KX_SDK_FETCH_DATA(const KX_SDK_FETCH_REQ_S *pstReq, char **ppAnswer)
 {
-    char body_signature[kSignatureSize];
-    char header_signature[kSignatureSize];
-    KX_SDK_HTTP_HEADER_S headers[KX_SDK_FETCH_MAX_HEADERS];
-    std::memset(body_signature, 0, sizeof body_signature);
-    std::memset(header_signature, 0, sizeof header_signature);
-    std::memset(headers, 0, sizeof headers);
+    Scratch work;
 
-    if (!kx::initialised_for(__func__))
+    Fields f{};
+    if (!accepted(__func__, pstReq, ppAnswer, false, f))
         return -1;
-    if (pstReq == nullptr || ppAnswer == nullptr || !fields_valid(fields_of(pstReq), pstReq->s32Sign != 0))
-        return kx::invalid_arg(__func__);
-    const Fields f = fields_of(pstReq);
-    log_inputs(__func__, f, false);
 
     Texts texts(true);
     Json object = parse_headers(f.connect_headers);
     int32_t count = 0;
     if (f.sign != 0) {
-        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE(f.sign_body, body_signature)) == -1) {
+        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE(f.sign_body, work.body_signature)) == -1) {
             KX_LOGE("create signature-body failed.\n");
             return kNoSignature;
         }
@@ -337,13 +373,13 @@ KX_API int32_t KX_SDK_FETCH_DATA(const KX_SDK_FETCH_REQ_S *pstReq, char **ppAnsw
             KX_LOGE("out of memory.\n");
             return kOutOfMemory;
         }
-        std::snprintf(signed_text.get(), signed_text.size(), "%s&sign=%s", f.sign_body, body_signature);
+        std::snprintf(signed_text.get(), signed_text.size(), "%s&sign=%s", f.sign_body, work.body_signature);
         texts.signed_text = signed_text.release();
-        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE_SOUNDBAR(texts.signed_text, header_signature)) == -1) {
+        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE_SOUNDBAR(texts.signed_text, work.header_signature)) == -1) {
             KX_LOGE("create signature-header failed.\n");
             return kNoSignature;
         }
-        const int32_t converted = convert_headers(__func__, object, header_signature, headers, count);
+        const int32_t converted = convert_headers(__func__, object, work.header_signature, work.headers, count);
         if (converted != 0)
             return converted;
     }
@@ -351,70 +387,44 @@ KX_API int32_t KX_SDK_FETCH_DATA(const KX_SDK_FETCH_REQ_S *pstReq, char **ppAnsw
     object.reset();
 
     /* Unsigned, the URL or body still ends in "&sign=", with nothing after it. */
-    const int32_t built = build_request(__func__, f, body_signature, texts);
-    if (built != 0)
-        return built;
-    kx::Buffer area = answer_record();
-    if (!area.ok()) {
-        KX_LOGE("out of memory.\n");
-        return kOutOfMemory;
-    }
-    const int32_t transferred = transfer(f, texts, record_of(area), headers, count, false);
-    return deliver_verified(__func__, transferred, record_of(area), false, ppAnswer);
+    return send_verified(__func__, f, work.body_signature, texts, work, count, false, ppAnswer);
 }
 
 KX_API int32_t KX_SDK_FETCH_DATA_V31(const KX_SDK_FETCH_REQ_V31_S *pstReq, char **ppAnswer)
 {
-    char body_signature[kSignatureSize];
-    char header_signature[kSignatureSize];
-    KX_SDK_HTTP_HEADER_S headers[KX_SDK_FETCH_MAX_HEADERS];
-    std::memset(body_signature, 0, sizeof body_signature);
-    std::memset(header_signature, 0, sizeof header_signature);
-    std::memset(headers, 0, sizeof headers);
+    Scratch work;
 
-    if (!kx::initialised_for(__func__))
+    Fields f{};
+    if (!accepted(__func__, pstReq, ppAnswer, true, f))
         return -1;
-    if (pstReq == nullptr || ppAnswer == nullptr || !fields_valid(fields_of(pstReq), mode_signs(pstReq->s32SignMode)))
-        return kx::invalid_arg(__func__);
-    const Fields f = fields_of(pstReq);
-    log_inputs(__func__, f, true);
 
     Texts texts(false);
     Json object = parse_headers(f.connect_headers);
     const char *appended = nullptr; /* what follows "&sign=": nothing is appended outside mode 1 */
     const char *sign_for = nullptr;
     if (f.sign == 1) {
-        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE(f.sign_body, body_signature)) == -1) {
+        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE(f.sign_body, work.body_signature)) == -1) {
             KX_LOGE("create signature-body failed.\n");
             return kNoSignature;
         }
-        appended = body_signature;
+        appended = work.body_signature;
     } else if (f.sign == 2) {
         /* Over the caller's text itself, not over a signed text. */
-        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE_SOUNDBAR(f.sign_body, header_signature)) == -1) {
+        if (static_cast<int32_t>(KX_SDK_SIGN_CREATE_SOUNDBAR(f.sign_body, work.header_signature)) == -1) {
             KX_LOGE("create signature-header failed.\n");
             return kNoSignature;
         }
-        sign_for = header_signature;
+        sign_for = work.header_signature;
     } else {
         KX_LOGI("not need create up sign.\n");
     }
     /* The caller's headers go out in every mode. */
     int32_t count = 0;
-    const int32_t converted = convert_headers(__func__, object, sign_for, headers, count);
+    const int32_t converted = convert_headers(__func__, object, sign_for, work.headers, count);
     if (converted != 0)
         return converted;
 
-    const int32_t built = build_request(__func__, f, appended, texts);
-    if (built != 0)
-        return built;
-    kx::Buffer area = answer_record();
-    if (!area.ok()) {
-        KX_LOGE("out of memory.\n");
-        return kOutOfMemory;
-    }
-    const int32_t transferred = transfer(f, texts, record_of(area), headers, count, true);
-    return deliver_verified(__func__, transferred, record_of(area), true, ppAnswer);
+    return send_verified(__func__, f, appended, texts, work, count, true, ppAnswer);
 }
 
 KX_API int32_t KX_SDK_FETCH_DATA_V30(const KX_SDK_FETCH_REQ_S *pstReq, char **ppAnswer)
@@ -437,20 +447,16 @@ KX_API int32_t KX_SDK_FETCH_DATA_V30(const KX_SDK_FETCH_REQ_S *pstReq, char **pp
 
 KX_API int32_t KX_SDK_FETCH_DATA_3rdUrl(const KX_SDK_FETCH_REQ_V31_S *pstReq, char **ppAnswer)
 {
-    KX_SDK_HTTP_HEADER_S headers[KX_SDK_FETCH_MAX_HEADERS];
-    std::memset(headers, 0, sizeof headers);
+    Scratch work;
 
-    if (!kx::initialised_for(__func__))
+    Fields f{};
+    if (!accepted(__func__, pstReq, ppAnswer, false, f))
         return -1;
-    if (pstReq == nullptr || ppAnswer == nullptr || !fields_valid(fields_of(pstReq), mode_signs(pstReq->s32SignMode)))
-        return kx::invalid_arg(__func__);
-    const Fields f = fields_of(pstReq);
-    log_inputs(__func__, f, false);
 
     Texts texts(false);
     Json object = parse_headers(f.connect_headers);
     int32_t count = 0;
-    const int32_t converted = convert_headers(__func__, object, nullptr, headers, count);
+    const int32_t converted = convert_headers(__func__, object, nullptr, work.headers, count);
     if (converted != 0)
         return converted;
     /* Nothing is signed; mode 1 still leaves an empty "&sign=". */
@@ -468,7 +474,7 @@ KX_API int32_t KX_SDK_FETCH_DATA_3rdUrl(const KX_SDK_FETCH_REQ_V31_S *pstReq, ch
     KX_SDK_LARGEDATA_S large = {large_area.get(), 0};
     int32_t transferred = -1;
     if (f.get && !f.http) {
-        transferred = KX_SDK_HTTPS_GET_EXTERNAL_MARK1(texts.get_url, &large, headers, count, f.mark);
+        transferred = KX_SDK_HTTPS_GET_EXTERNAL_MARK1(texts.get_url, &large, work.headers, count, f.mark);
     } else {
         /* The plain GET and the POSTs receive into a 100 KiB record of the
          * call's own; that answer is what the caller gets. */
@@ -478,7 +484,7 @@ KX_API int32_t KX_SDK_FETCH_DATA_3rdUrl(const KX_SDK_FETCH_REQ_V31_S *pstReq, ch
             return kOutOfMemory;
         }
         KX_SDK_DATA_BUF_S *record = record_of(area);
-        transferred = transfer(f, texts, record, headers, count, true);
+        transferred = transfer(f, texts, record, work.headers, count, true);
         if (transferred == 0) {
             std::memcpy(large.buffer, record->data, record->used);
             large.used = record->used;

@@ -42,15 +42,9 @@ bool may_mark()
 /* The header signature, computed here: base64 of MD5(text + salt). */
 std::string sign_for(const std::string &text) { return kxtest::base64_encode(kxtest::md5_raw(text + kSalt)); }
 
-/* A line of `call` whose message is exactly `message`. */
 bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kInfo)
 {
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines())
-        if (line.level == level && line.text.find(head) != std::string::npos &&
-            line.text.substr(line.text.find(head) + head.size()) == message)
-            return true;
-    return false;
+    return kxtest::log_has(call, message, level);
 }
 
 /* The answer a fetch hands out: the caller's, released with KX_SDK_FREE. */
