@@ -52,5 +52,6 @@
 #include "kx_sdk_upgrade.h"
 #include "kx_sdk_ad.h"
 #include "kx_sdk_log.h"
+#include "kx_sdk_external.h"
 
 #endif

@@ -33,7 +33,8 @@
  *    record.
  *  - Extra headers are sent as "name:value" (no blank after the colon),
  *    formatted into a 128-byte line: name and value together must stay below
- *    127 characters, a longer line is cut.
+ *    127 characters, a longer line is cut. A record with an empty value is
+ *    still sent, as "name:" with nothing after the colon.
  */
 #ifndef KX_SDK_TRANSPORT_H
 #define KX_SDK_TRANSPORT_H

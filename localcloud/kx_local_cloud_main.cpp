@@ -20,6 +20,7 @@
 #include <cstdlib>
 
 #include "device_services.h"
+#include "external_services.h"
 #include "log_services.h"
 #include "test_cloud.h"
 #include "upgrade_ad_services.h"
@@ -48,6 +49,7 @@ int main(int argc, char **argv)
     kxcloud::register_device_services(cloud);
     kxcloud::register_upgrade_ad_services(cloud);
     kxcloud::register_log_services(cloud);
+    kxcloud::register_external_services(cloud);
     std::printf("%s\n", cloud.https_domain().c_str());
     std::fflush(stdout);
     std::fprintf(stderr, "kx_local_cloud: serving https://%s%s for at most %ld s\n", cloud.https_domain().c_str(),

@@ -13,6 +13,7 @@
  */
 #include "calls.h"
 
+#include <cjson/cJSON.h>
 #include <libxml/xmlerror.h>
 #include <openssl/err.h>
 #include <curl/curl.h>
@@ -1272,9 +1273,110 @@ void add_push(std::vector<Call> &t)
 
 /* ---- signed external fetch ---------------------------------------------------- */
 
+const char kFetchPath[] = "/reliability/fetch";
+/* A string header and a number that goes out as its inner digits ("24"). */
+const char kFetchHeaders[] = "{\"X-Rel-One\":\"one\",\"X-Rel-Two\":4242}";
+/* The GET query carries its own "?": the URL is the run's target as it
+ * stands, so a hostile run may point it elsewhere and nothing is built while
+ * the allocator is armed. */
+const char kFetchQuery[] = "?rel=fetch&page=1";
+const char kFetchForm[] = "rel=fetch&page=1";
+const char kFetchSignBody[] = "page=1&rel=fetch";
+
+/* A fetch hands out a heap text on 0 and nothing otherwise; its failures are
+ * 1 (no signature), 3 (transfer), 4 (verification) and 5 (memory). -1 is a
+ * refusal, which a good request on an initialised library never meets. */
+Call fetch_call(const char *name, Answer kind, bool plain, bool any_format, std::function<int32_t(Run &)> fn)
+{
+    Call c;
+    c.name = std::string(name) + (plain ? "/http" : "");
+    c.family = "external";
+    c.path = kFetchPath;
+    c.answer = kind;
+    c.plain = plain;
+    c.signed_answer = kind != Answer::Raw;
+    c.any_format = any_format;
+    c.invoke = [fn](Run &r) -> int64_t { return fn(r); };
+    c.judge = [kind, any_format](Run &r, int64_t result) {
+        if (result == 0) {
+            if (r.out == nullptr)
+                return r.fault("0 but no answer handed out");
+            const std::string got = r.out;
+            const Answer other = kind == Answer::Xml ? Answer::Json : Answer::Xml;
+            if (got != verified_text(kind) && !(any_format && got == verified_text(other)))
+                return r.fault("0 but handed out \"" + got.substr(0, 80) + "\"");
+            return Outcome::Success;
+        }
+        if (result != 1 && result != 3 && result != 4 && result != 5)
+            return r.fault("result " + std::to_string(result) + " is not a fetch failure");
+        if (r.out != nullptr)
+            return r.fault("failed but handed out a text");
+        return Outcome::Failure;
+    };
+    c.release = [](Run &r) {
+        if (r.out != nullptr)
+            KX_SDK_FREE(r.out);
+        r.out = nullptr;
+    };
+    return c;
+}
+
+KX_SDK_FETCH_REQ_V31_S v31_request(Run &r, int32_t mark, bool get, int32_t mode)
+{
+    return KX_SDK_FETCH_REQ_V31_S{mark, r.plain ? 1 : 0, get ? 1 : 0, mode, "reliability", r.target.c_str(),
+                                  kFetchSignBody, get ? kFetchQuery : kFetchForm, kFetchHeaders, 0};
+}
+
 void add_external(std::vector<Call> &t)
 {
-    (void)t;
+    for (bool plain : {false, true}) {
+        /* Secure: a signed GET; plain: a signed POST. */
+        t.push_back(fetch_call("KX_SDK_FETCH_DATA", Answer::Json, plain, false, [](Run &r) {
+            KX_SDK_FETCH_REQ_S rec = {r.plain ? 1 : 0, r.plain ? 0 : 1, 1, "reliability", r.target.c_str(),
+                                      kFetchSignBody, r.plain ? kFetchForm : kFetchQuery, kFetchHeaders};
+            return KX_SDK_FETCH_DATA(&rec, &r.out);
+        }));
+        /* Secure: a marked POST with the header signature and an XML answer;
+         * plain: a GET with the body signature. */
+        t.push_back(fetch_call("KX_SDK_FETCH_DATA_V31", plain ? Answer::Json : Answer::Xml, plain, true, [](Run &r) {
+            KX_SDK_FETCH_REQ_V31_S rec = r.plain ? v31_request(r, -1, true, 1) : v31_request(r, 5, false, 2);
+            return KX_SDK_FETCH_DATA_V31(&rec, &r.out);
+        }));
+        /* Secure: the large GET; plain: a POST into the call's own record. */
+        t.push_back(fetch_call("KX_SDK_FETCH_DATA_3rdUrl", Answer::Raw, plain, false, [](Run &r) {
+            KX_SDK_FETCH_REQ_V31_S rec = r.plain ? v31_request(r, -1, false, 0) : v31_request(r, 5, true, 1);
+            return KX_SDK_FETCH_DATA_3rdUrl(&rec, &r.out);
+        }));
+    }
+    t.push_back(fetch_call("KX_SDK_FETCH_DATA_V30", Answer::Json, false, true, [](Run &r) {
+        KX_SDK_FETCH_REQ_S rec = {0, 1, 1, "reliability", r.target.c_str(), kFetchSignBody, kFetchQuery, kFetchHeaders};
+        return KX_SDK_FETCH_DATA_V30(&rec, &r.out);
+    }));
+    {
+        /* The object is parsed before the call; only the conversion runs armed. */
+        Call c = simple("KX_SDK_GET_HTTP_HEADER", "external", [](Run &r) -> int64_t {
+            return KX_SDK_GET_HTTP_HEADER(reinterpret_cast<cJSON *>(r.out),
+                                          reinterpret_cast<KX_SDK_HTTP_HEADER_S *>(r.buffer.data()));
+        }, [](Run &r, int64_t result) {
+            const auto *h = reinterpret_cast<const KX_SDK_HTTP_HEADER_S *>(r.buffer.data());
+            const char *expected[][2] = {{"X-Rel-One", "one"}, {"X-Rel-Two", "24"}};
+            for (int64_t i = 0; i < result && i < 2; ++i)
+                if (std::strcmp(h[i].name, expected[i][0]) != 0 || std::strcmp(h[i].value, expected[i][1]) != 0)
+                    return r.fault("record " + std::to_string(i) + " is " + h[i].name + ":" + h[i].value);
+            if (result == 2)
+                return Outcome::Success;
+            /* A member the printer cannot print for want of memory is skipped. */
+            return result >= 0 && result < 2 ? Outcome::Failure : r.fault("count " + std::to_string(result));
+        }, [](Run &r) {
+            cJSON_Delete(reinterpret_cast<cJSON *>(r.out));
+            r.out = nullptr;
+        });
+        c.prepare = [](Run &r) {
+            r.buffer.assign(sizeof(KX_SDK_HTTP_HEADER_S) * KX_SDK_FETCH_MAX_HEADERS, '\0');
+            r.out = reinterpret_cast<char *>(cJSON_Parse(kFetchHeaders));
+        };
+        t.push_back(c);
+    }
 }
 
 std::vector<Call> build_table()

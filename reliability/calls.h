@@ -86,6 +86,7 @@ struct Call {
     bool sweep = true;    /* false: the call documents an unchecked allocation */
     bool signed_answer = false; /* its verdict depends on the answer's signature */
     bool judges_status = true;  /* an HTTP error status fails the transfer */
+    bool any_format = false;    /* verifies XML and JSON answers alike */
     std::string note;     /* why it is left out of the sweep */
     std::function<void(Run &)> prepare;
     std::function<int64_t(Run &)> invoke;

@@ -280,7 +280,10 @@ TEST(Hostile, MalformedAnswersAreFailures)
     };
     for (const auto &kase : cases) {
         SCOPED_TRACE(kase.first);
-        run_case(kase.first, parses, [&](const Call &c) { return reply_with(kase.second(c), c); }, failure);
+        /* A call that verifies either format takes the other format's good answer. */
+        const bool other_format = std::strcmp(kase.first, "other format") == 0;
+        run_case(kase.first, parses, [&](const Call &c) { return reply_with(kase.second(c), c); },
+                 [&](const Call &c) { return other_format && c.any_format ? Outcome::Success : Outcome::Failure; });
     }
 }
 

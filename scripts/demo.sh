@@ -1,20 +1,24 @@
 #!/usr/bin/env bash
-# The demo: from nothing to a whole device session against a local cloud.
+# The demo: from nothing to whole device sessions against a local cloud.
 #   1. installs what is missing (scripts/install-deps.sh);
 #   2. configures build/demo with a freshly generated CA, server certificate and
 #      answer-signing key pair (the library embeds the public half and the CA path);
-#   3. builds the local cloud (kx_local_cloud) and the examples (device_session, log_session);
+#   3. builds the local cloud (kx_local_cloud) and the examples listed below;
 #   4. inside a private network namespace (nothing touches the machine's network):
-#      starts the cloud on loopback, runs examples/device_session.c and log_session.c against the
-#      domain it prints, and stops the cloud. The cloud also stops by itself after
-#      60 seconds, should the demo die half-way.
+#      starts the cloud on loopback, runs each example against the domain it
+#      prints, and stops the cloud. The cloud also stops by itself after 60
+#      seconds, should the demo die half-way.
+# Every example runs even when an earlier one failed; the demo fails if any did.
 # Set VTL_DEBUG_LEVEL=info to see every log line of the library.
 set -euo pipefail
 
+# The examples, in the order a device would run them.
+examples=(device_session log_session fetch_session)
+
 if [ "${1:-}" = "--session" ]; then
-  # Runs inside the namespace: $2 = the cloud program, $3 = the example,
-  # $4 = the log-service example.
-  cloud=$2 session=$3 logs=${4:-}
+  # Runs inside the namespace: $2 = the cloud program, then the examples.
+  cloud=$2
+  shift 2
   out=$(mktemp)
   "$cloud" 60 >"$out" &
   pid=$!
@@ -31,8 +35,10 @@ if [ "${1:-}" = "--session" ]; then
   fi
   echo "demo: local cloud at https://$domain"
   status=0
-  "$session" "$domain" || status=1
-  if [ -n "$logs" ]; then "$logs" "$domain" || status=1; fi
+  for example in "$@"; do
+    echo "demo: $(basename "$example")"
+    "$example" "$domain" || status=1
+  done
   exit $status
 fi
 
@@ -42,6 +48,6 @@ scripts/install-deps.sh
 # A fresh CA and key pair for this run.
 rm -rf "$build/testcloud"
 cmake -S . -B "$build" -DKX_BUILD_TESTS=ON -DKX_BUILD_EXAMPLES=ON >/dev/null
-cmake --build "$build" --target kx_local_cloud device_session log_session -j"$(nproc)"
+cmake --build "$build" --target kx_local_cloud "${examples[@]}" -j"$(nproc)"
 scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$PWD/$build/localcloud/kx_local_cloud" \
-  "$PWD/$build/examples/device_session" "$PWD/$build/examples/log_session"
+  "${examples[@]/#/$PWD/$build/examples/}"

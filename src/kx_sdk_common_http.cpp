@@ -316,8 +316,14 @@ void build_headers(const Member &m, const Transfer &t, ListOwner &list)
              * The precisions keep the reads inside the record's two fields
              * even when the caller did not terminate them. */
             kx::FixedText<128> line;
-            line.format("%.*s:%.*s", static_cast<int>(sizeof t.headers[i].name), t.headers[i].name,
-                        static_cast<int>(sizeof t.headers[i].value), t.headers[i].value);
+            /* libcurl drops a line with nothing after its colon; a record
+             * with an empty value goes to it as "name;", which it sends as
+             * "name:" with the empty value. */
+            if (t.headers[i].value[0] == '\0')
+                line.format("%.*s;", static_cast<int>(sizeof t.headers[i].name), t.headers[i].name);
+            else
+                line.format("%.*s:%.*s", static_cast<int>(sizeof t.headers[i].name), t.headers[i].name,
+                            static_cast<int>(sizeof t.headers[i].value), t.headers[i].value);
             list.append(line.c_str());
         }
         break;

@@ -83,6 +83,17 @@ int log_count(const std::string &needle, unsigned int level)
     return n;
 }
 
+bool log_has(const std::string &call, const std::string &message, unsigned int level)
+{
+    const std::string head = call + "(): ";
+    for (const auto &line : log_lines()) {
+        const size_t at = line.text.find(head);
+        if (line.level == level && at != std::string::npos && line.text.compare(at + head.size(), std::string::npos, message) == 0)
+            return true;
+    }
+    return false;
+}
+
 void log_echo(bool on)
 {
     std::lock_guard<std::mutex> lock(g_mutex);

@@ -26,6 +26,9 @@ std::vector<std::string> log_matching(const std::string &needle);
 bool log_contains(const std::string &needle);
 /* Number of lines containing `needle` in the given class. */
 int log_count(const std::string &needle, unsigned int level);
+/* A line of class `level` logged under the function `call` whose message,
+ * after its "call(): " prefix, is exactly `message`. */
+bool log_has(const std::string &call, const std::string &message, unsigned int level);
 /* Echo every captured line to stderr too (for debugging a test). */
 void log_echo(bool on);
 /* Disable a class: lines of that level are then neither formatted nor stored. */
