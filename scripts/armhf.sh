@@ -17,7 +17,9 @@
 # suite changes (the list is written into it); everything else is an ordinary
 # incremental build in build/armhf (BUILD_DIR overrides).
 #
-# It also prints the stripped size of the armhf library.
+# It also prints the figures of the device build: the stripped size of the
+# library, and the heap that sign-in and sign-out hold at most, by owner
+# (reliability/heap_peak.cpp).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -90,4 +92,9 @@ size=$(stat -c %s "$build/libkx_cloud_openapi.stripped.so")
 echo "armhf: stripped $(basename "$lib"): $size bytes ($(( (size + 1023) / 1024 )) KiB)"
 
 [ "$build_only" -eq 1 ] && exit 0
-scripts/in-netns.sh ctest --test-dir "$build" --output-on-failure "$@"
+status=0
+scripts/in-netns.sh ctest --test-dir "$build" --output-on-failure "$@" || status=$?
+echo "armhf: the heap a signed call holds at most, in bytes"
+scripts/in-netns.sh qemu-arm -L "$root" -E LD_PRELOAD="$PWD/$build/tests/libkx_emulator_so_mark.so" \
+  "$build/tests/reliability/heap_peak" KX_AUTH_AUTHENTICATE KX_SIGN_OUT KX_SIGN_OUT/http || status=1
+exit $status
