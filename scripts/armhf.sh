@@ -15,7 +15,7 @@
 # ones version for version, which fails whenever the two archives' indexes
 # disagree. The root is made once and remade only when its package list or
 # suite changes (the list is written into it); everything else is an ordinary
-# incremental build in build/armhf (BUILD_DIR overrides).
+# incremental build in build/armhf (ARMHF_BUILD_DIR overrides).
 #
 # It also prints the figures of the device build: the stripped size of the
 # library, and the heap that sign-in and sign-out hold at most, by owner
@@ -23,8 +23,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-root=${KX_ARMHF_ROOT:-$PWD/build/armhf-root}
-build=${BUILD_DIR:-build/armhf}
+root=$(realpath -m "${KX_ARMHF_ROOT:-build/armhf-root}")
+build=$(realpath -m "${ARMHF_BUILD_DIR:-build/armhf}")
 jobs=${JOBS:-2}
 suite=bookworm
 mirror=${KX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
@@ -77,7 +77,7 @@ make_root() {
   mv "$new" "$root"
 }
 
-mkdir -p "$(dirname "$build")"
+mkdir -p "$(dirname "$build")" "$(dirname "$root")"
 make_root
 
 # Fresh test-cloud credentials for every run, as scripts/test.sh makes them.
@@ -95,6 +95,6 @@ echo "armhf: stripped $(basename "$lib"): $size bytes ($(( (size + 1023) / 1024 
 status=0
 scripts/in-netns.sh ctest --test-dir "$build" --output-on-failure "$@" || status=$?
 echo "armhf: the heap a signed call holds at most, in bytes"
-scripts/in-netns.sh qemu-arm -L "$root" -E LD_PRELOAD="$PWD/$build/tests/libkx_emulator_so_mark.so" \
+scripts/in-netns.sh qemu-arm -L "$root" -E LD_PRELOAD="$build/tests/libkx_emulator_so_mark.so" \
   "$build/tests/reliability/heap_peak" KX_AUTH_AUTHENTICATE KX_SIGN_OUT KX_SIGN_OUT/http || status=1
 exit $status

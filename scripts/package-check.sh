@@ -13,7 +13,7 @@
 # cloud's generated CA and verifies answers signed with its generated key.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${REUSE_BUILD:-${BUILD_DIR:-build/package}}
+build=$(realpath -m "${REUSE_BUILD:-${PACKAGE_BUILD_DIR:-build/package}}")
 scripts/install-deps.sh
 if [ -z "${REUSE_BUILD:-}" ]; then
   rm -rf "$build/testcloud"
@@ -23,7 +23,7 @@ cmake --build "$build" --target kx_cloud_openapi kx_cloud_openapi_static kx_plat
   -j"${JOBS:-2}" >/dev/null
 
 # Under build/, not /tmp: the namespace has a /tmp of its own.
-work=$PWD/$build/package-check
+work=$build/package-check
 prefix=$work/prefix
 rm -rf "$work"
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -41,5 +41,5 @@ mkdir -p "$work/pkgconfig"
 
 for program in "$work/cmake/device_session" "$work/pkgconfig/device_session"; do
   echo "package: running ${program#"$PWD"/} against the local cloud"
-  scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$PWD/$build/localcloud/kx_local_cloud" "$program"
+  scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$build/localcloud/kx_local_cloud" "$program"
 done
