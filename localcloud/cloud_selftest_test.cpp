@@ -13,6 +13,7 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -216,8 +217,10 @@ TEST_F(CloudSelfTest, StallHoldsTheAnswerBackAndAnAbandonedStallFreesItsWorker)
     stall.stall_ms = 60000;
     cloud().reply("GET", "/stall", stall);
     cloud().reply("GET", "/fine", Reply{200, "fine"});
+    // Patient enough for the handshake and the first bytes, however slow the
+    // machine (under qemu-arm a handshake alone can take 150 ms).
     Ask impatient;
-    impatient.timeout_ms = 150;
+    impatient.timeout_ms = std::max(150L, 4 * fetch(url("/fine")).elapsed_ms);
     // More abandoned stalls than the listener has workers.
     for (int i = 0; i < 12; ++i) {
         Fetched cut = fetch(url("/stall"), impatient);
