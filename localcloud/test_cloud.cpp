@@ -316,6 +316,7 @@ struct Cloud::State {
 
     mutable std::mutex mutex;
     std::map<std::pair<std::string, std::string>, Handler> routes;
+    std::map<std::string, std::vector<std::function<void(Reply &)>>> changes; /* by path */
     std::vector<Request> recorded;
 
     std::unique_ptr<httplib::Server> http;
@@ -524,6 +525,17 @@ void Cloud::State::serve(Wire &wire, const httplib::Request &hreq, const std::st
         rep.status = 404;
         rep.content_type.clear();
     }
+    std::vector<std::function<void(Reply &)>> apply;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const std::string &key : {std::string("*"), req.path}) {
+            auto it = changes.find(key);
+            if (it != changes.end())
+                apply.insert(apply.end(), it->second.begin(), it->second.end());
+        }
+    }
+    for (const auto &change : apply)
+        change(rep);
     answer(wire, req, std::move(rep));
     wire.answered = true;
 }
@@ -727,10 +739,28 @@ void Cloud::reply(const std::string &method, const std::string &path, Reply repl
     route(method, path, [reply](const Request &) { return reply; });
 }
 
+void Cloud::alter(const std::string &path, std::function<void(Reply &)> change)
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->changes[path].push_back(std::move(change));
+}
+
+std::vector<std::string> Cloud::paths() const
+{
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::vector<std::string> out;
+    for (const auto &route : state_->routes)
+        out.push_back(route.first.second);
+    std::sort(out.begin(), out.end());
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+    return out;
+}
+
 void Cloud::reset()
 {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->routes.clear();
+    state_->changes.clear();
     state_->recorded.clear();
 }
 

@@ -118,7 +118,14 @@ public:
     void route(const std::string &method, const std::string &path, Handler handler);
     /* Route to a fixed answer. */
     void reply(const std::string &method, const std::string &path, Reply reply);
-    /* Forget routes and recorded requests. */
+    /* Change every answer to a path ("*" = every path, unrouted ones too)
+     * after its route made it: how a misbehaving cloud is made from services
+     * that know nothing of it (kx_local_cloud's fault options, faults.h).
+     * Changes apply in the order they were added, those for "*" first. */
+    void alter(const std::string &path, std::function<void(Reply &)> change);
+    /* Every routed path, sorted, once each. */
+    std::vector<std::string> paths() const;
+    /* Forget routes, changes and recorded requests. */
     void reset();
     /* All recorded requests, in arrival order. */
     std::vector<Request> requests() const;

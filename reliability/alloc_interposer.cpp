@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KX_REL_INTERPOSE 0
@@ -51,6 +52,11 @@ constexpr int kFrames = 48;
 void *g_frames[kSlots][kFrames];
 bool g_backtrace = false;
 __thread bool t_in_backtrace = false;
+/* Bytes held by owner, and their high-water marks (under the lock). */
+bool g_count_owners = false;
+uint8_t g_owner[kSlots];
+size_t g_held[kxrel::kOwners + 1]; /* the last one: all owners together */
+size_t g_peak[kxrel::kOwners + 1];
 std::atomic<long> g_live{0};
 std::atomic<size_t> g_live_bytes{0};
 std::atomic<bool> g_overflow{false};
@@ -65,12 +71,84 @@ struct Lock {
     ~Lock() { g_lock.clear(std::memory_order_release); }
 };
 
+bool is_runtime(const char *path)
+{
+    static const char *const runtime[] = {"libc.so", "libstdc++", "libgcc_s", "ld-linux", "libm.so", nullptr};
+    const char *name = std::strrchr(path, '/');
+    name = name != nullptr ? name + 1 : path;
+    for (int i = 0; runtime[i] != nullptr; ++i)
+        if (std::strncmp(name, runtime[i], std::strlen(runtime[i])) == 0)
+            return true;
+    return false;
+}
+
+kxrel::Owner owner_of_object(const char *path)
+{
+    if (std::strstr(path, "libkx_cloud_openapi") != nullptr)
+        return kxrel::Owner::Library;
+    if (std::strstr(path, "libcurl") != nullptr)
+        return kxrel::Owner::Curl;
+    if (std::strstr(path, "libssl") != nullptr || std::strstr(path, "libcrypto") != nullptr)
+        return kxrel::Owner::OpenSsl;
+    return kxrel::Owner::Other;
+}
+
+/* Who asked for the block being made: walk out of this allocator (frames in
+ * this program before the first frame elsewhere) and the runtimes. Where the
+ * chain cannot be unwound (armhf: Debian builds its C libraries, and this
+ * library with -fno-exceptions, without unwind tables), the object that
+ * called the allocator owns the block; a runtime there (a FILE the library
+ * opened) leaves it to Other. */
+kxrel::Owner owner_of_caller(void *caller)
+{
+    void *frames[kFrames];
+    int n = backtrace(frames, kFrames);
+    Dl_info self;
+    const void *own_base = dladdr(reinterpret_cast<void *>(&owner_of_caller), &self) != 0 ? self.dli_fbase : nullptr;
+    bool left_allocator = false;
+    for (int f = 0; f < n; ++f) {
+        Dl_info info;
+        if (dladdr(frames[f], &info) == 0 || info.dli_fname == nullptr)
+            continue;
+        if (!left_allocator && info.dli_fbase == own_base)
+            continue;
+        left_allocator = true;
+        if (!is_runtime(info.dli_fname))
+            return owner_of_object(info.dli_fname);
+    }
+    Dl_info info;
+    if (!left_allocator && dladdr(caller, &info) != 0 && info.dli_fname != nullptr)
+        return owner_of_object(info.dli_fname);
+    return kxrel::Owner::Other;
+}
+
+void hold(int owner, size_t size)
+{
+    for (int k : {owner, kxrel::kOwners}) {
+        g_held[k] += size;
+        if (g_held[k] > g_peak[k])
+            g_peak[k] = g_held[k];
+    }
+}
+
+void let_go(int owner, size_t size)
+{
+    for (int k : {owner, kxrel::kOwners})
+        g_held[k] -= size < g_held[k] ? size : g_held[k];
+}
+
 size_t slot_of(uintptr_t p) { return (p >> 4) * 0x9E3779B97F4A7C15ull >> (64 - 16); }
 
 void track(void *p, size_t size, void *caller)
 {
     if (p == nullptr)
         return;
+    int owner = static_cast<int>(kxrel::Owner::Other);
+    if (g_count_owners && !t_in_backtrace) {
+        t_in_backtrace = true;
+        owner = static_cast<int>(owner_of_caller(caller));
+        t_in_backtrace = false;
+    }
     Lock lock;
     uintptr_t key = reinterpret_cast<uintptr_t>(p);
     size_t i = slot_of(key);
@@ -79,6 +157,8 @@ void track(void *p, size_t size, void *caller)
             g_slot[i] = key;
             g_size[i] = size;
             g_caller[i] = caller;
+            g_owner[i] = static_cast<uint8_t>(owner);
+            hold(owner, size);
             g_frames[i][0] = nullptr;
             if (g_backtrace && !t_in_backtrace) {
                 t_in_backtrace = true;
@@ -107,6 +187,7 @@ void untrack(void *p)
             return;
         if (g_slot[i] == key) {
             g_slot[i] = kGone;
+            let_go(g_owner[i], g_size[i]);
             g_live.fetch_sub(1, std::memory_order_relaxed);
             g_live_bytes.fetch_sub(g_size[i], std::memory_order_relaxed);
             return;
@@ -263,6 +344,8 @@ void arm(long fail_at)
     {
         Lock lock;
         std::memset(g_slot, 0, sizeof g_slot);
+        std::memset(g_held, 0, sizeof g_held);
+        std::memset(g_peak, 0, sizeof g_peak);
         g_live.store(0);
         g_live_bytes.store(0);
         g_overflow.store(false);
@@ -286,6 +369,17 @@ long allocations() { return t_count; }
 bool failure_delivered() { return t_delivered; }
 long failures_deferred() { return t_deferred; }
 void set_backtraces(bool on) { g_backtrace = on; }
+void count_owners(bool on) { g_count_owners = on; }
+
+HeapPeak heap_peak()
+{
+    Lock lock;
+    HeapPeak out;
+    out.total = g_peak[kOwners];
+    for (int k = 0; k < kOwners; ++k)
+        out.owner[k] = g_peak[k];
+    return out;
+}
 
 /* Which side made a block left behind: the library (it called a function
  * that hands ownership to its caller, or allocated itself) or a dependency
@@ -401,8 +495,16 @@ bool tracking_overflowed() { return false; }
 void describe_live(std::FILE *) {}
 void set_backtraces(bool) {}
 long library_blocks() { return 0; }
+void count_owners(bool) {}
+HeapPeak heap_peak() { return HeapPeak(); }
 Paused::Paused() : was_armed_(false) {}
 Paused::~Paused() {}
 }  // namespace kxrel
 
 #endif
+
+const char *kxrel::owner_name(Owner owner)
+{
+    static const char *const names[kOwners] = {"library", "libcurl", "OpenSSL", "other"};
+    return names[static_cast<int>(owner)];
+}

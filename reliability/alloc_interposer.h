@@ -55,6 +55,24 @@ long library_blocks();
  * for it); call it disarmed. */
 void describe_live(std::FILE *out);
 
+/* The heap the armed thread holds, by who asked for it: the first frame of
+ * the asking call chain outside the C and C++ runtimes and this program's
+ * allocator. So the FILE buffer of an answer file the library opened is the
+ * library's, and a block OpenSSL made while libcurl ran the handshake is
+ * OpenSSL's. Other covers libxml2, cJSON, zlib and the program itself.
+ * Telling owners apart takes a backtrace per allocation: off unless asked
+ * for; without it every block counts as Other. */
+enum class Owner { Library, Curl, OpenSsl, Other };
+constexpr int kOwners = 4;
+const char *owner_name(Owner owner);
+void count_owners(bool on);
+struct HeapPeak {
+    std::size_t total = 0;              /* the most held at once, all owners together */
+    std::size_t owner[kOwners] = {};    /* the most each owner held at once */
+};
+/* The high-water marks since arm(). */
+HeapPeak heap_peak();
+
 /* Test machinery that runs on the armed thread in the middle of a call (the
  * log sink) steps aside with this guard: its allocations are neither counted,
  * failed nor tracked. */

@@ -8,6 +8,8 @@
 #                                           call, hostile servers); --all: over every suite
 #   scripts/reliability.sh tsan             thread checks under ThreadSanitizer
 #   scripts/reliability.sh fuzz [SECONDS]   every libFuzzer target for SECONDS (default 30) each
+#   scripts/reliability.sh heap [CALL...]   the heap each signed call holds at most, by owner
+#                                           (library, libcurl, OpenSSL, other); a measurement
 #   scripts/reliability.sh ci               sweep --ci, valgrind, tsan and fuzz, as CI runs them
 #
 # Each check has its own build directory under build/ (BUILD_ROOT overrides)
@@ -90,10 +92,18 @@ tsan() {
     scripts/in-netns.sh setarch "$(uname -m)" -R "$dir/tests/reliability/threads_test" --gtest_brief=1
 }
 
+heap() {
+  local dir=${REUSE_BUILD:-$root/reliability}
+  configure "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  cmake --build "$dir" --target heap_peak -j"$jobs" >/dev/null
+  scripts/in-netns.sh "$dir/tests/reliability/heap_peak" "$@"
+}
+
 case "${1:-}" in
   sweep) shift; sweep "$@" ;;
   valgrind) shift; valgrind_check "$@" ;;
   tsan) shift; tsan ;;
+  heap) shift; heap "$@" ;;
   fuzz) shift; scripts/fuzz.sh "$@" ;;
   ci)
     # Every check runs even when an earlier one failed; the result is the sum.
@@ -104,5 +114,5 @@ case "${1:-}" in
     scripts/fuzz.sh 30 || status=1
     exit $status
     ;;
-  *) sed -n '2,14p' "$0"; exit 2 ;;
+  *) sed -n '2,16p' "$0"; exit 2 ;;
 esac

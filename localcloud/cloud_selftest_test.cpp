@@ -3,14 +3,17 @@
  * shows here and not as a puzzling failure in a library suite. Only what the
  * library suites cannot tell apart from a library fault is checked: the
  * recording as sent, ranges, chunks without a length, gzip sent once, stalls
- * and hang-ups, HEAD, TLS with the generated CA, and a prompt shut-down.
+ * and hang-ups, HEAD, TLS with the generated CA, a prompt shut-down, and
+ * the faults kx_local_cloud makes on request.
  */
+#include "faults.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -214,8 +217,10 @@ TEST_F(CloudSelfTest, StallHoldsTheAnswerBackAndAnAbandonedStallFreesItsWorker)
     stall.stall_ms = 60000;
     cloud().reply("GET", "/stall", stall);
     cloud().reply("GET", "/fine", Reply{200, "fine"});
+    // Patient enough for the handshake and the first bytes, however slow the
+    // machine (under qemu-arm a handshake alone can take 150 ms).
     Ask impatient;
-    impatient.timeout_ms = 150;
+    impatient.timeout_ms = std::max(150L, 4 * fetch(url("/fine")).elapsed_ms);
     // More abandoned stalls than the listener has workers.
     for (int i = 0; i < 12; ++i) {
         Fetched cut = fetch(url("/stall"), impatient);
@@ -224,6 +229,68 @@ TEST_F(CloudSelfTest, StallHoldsTheAnswerBackAndAnAbandonedStallFreesItsWorker)
     }
     impatient.timeout_ms = 2000;
     EXPECT_EQ("fine", fetch(url("/fine"), impatient).body);
+}
+
+/* kx_local_cloud's fault options change what any route answers. */
+TEST_F(CloudSelfTest, FaultOptionsChangeWhateverTheRouteAnswers)
+{
+    const std::string json = kxcloud::signed_json("{\"resultCode\":0,\"total\":12}");
+    std::string tampered = json;
+    tampered.replace(tampered.find("12"), 2, "13");
+    struct Case {
+        std::vector<const char *> specs;
+        CURLcode code;
+        long status, at_least_ms;
+        std::string body;
+    };
+    const Case cases[] = {
+        {{"drop=/f:5"}, CURLE_PARTIAL_FILE, 200, 0, json.substr(0, 5)},
+        {{"drop=*"}, CURLE_PARTIAL_FILE, 200, 0, ""},
+        {{"status=/f:503"}, CURLE_OK, 503, 0, json},
+        {{"tamper=/f"}, CURLE_OK, 200, 0, tampered},
+        {{"stall=/f:1"}, CURLE_OK, 200, 950, json},
+        {{"status=*:500", "drop=/f:3"}, CURLE_PARTIAL_FILE, 500, 0, json.substr(0, 3)}, /* both, "*" first */
+        {{"status=/other:500"}, CURLE_OK, 200, 0, json},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.specs[0]);
+        cloud().reset();
+        cloud().reply("POST", "/f", Reply{200, json, "application/json"});
+        for (const char *spec : k.specs) {
+            kxcloud::Fault fault;
+            ASSERT_TRUE(kxcloud::parse_fault(spec, fault)) << fault.said;
+            cloud().alter(fault.path, fault.change);
+        }
+        Fetched f = fetch(url("/f"), Ask{"POST", "a=1"});
+        EXPECT_EQ(k.code, f.code);
+        EXPECT_EQ(k.status, f.status);
+        EXPECT_EQ(k.body, f.body);
+        EXPECT_GE(f.elapsed_ms, k.at_least_ms);
+    }
+    // Forgotten on reset, with the routes.
+    cloud().reply("POST", "/f", Reply{200, json});
+    EXPECT_EQ(json, fetch(url("/f"), Ask{"POST", "a=1"}).body);
+
+    for (const char *bad : {"bogus=/f", "drop", "drop=", "drop=f", "drop=/f:-1", "drop=/f:2x", "tamper=/f:3",
+                            "status=/f", "status=/f:99", "stall=/f:3601"}) {
+        kxcloud::Fault fault;
+        EXPECT_FALSE(kxcloud::parse_fault(bad, fault)) << bad;
+        EXPECT_NE(std::string::npos, fault.said.find(bad)) << fault.said;
+    }
+}
+
+/* Tampering keeps the answer well-formed and leaves the signature as it was. */
+TEST(CloudFaults, TamperingChangesTheLastDigitBeforeTheSignature)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"{\"a\":19,\"signatureServer\":\"AB12\"}", "{\"a\":10,\"signatureServer\":\"AB12\"}"},
+        {"<r><n>7</n><signatureServer>9z</signatureServer></r>", "<r><n>8</n><signatureServer>9z</signatureServer></r>"},
+        {"{\"a\":\"xy\",\"signatureServer\":\"1\"}", "{\"a\":\"xY\",\"signatureServer\":\"1\"}"},
+        {"plain 41", "plain 42"}, /* no signature: the whole answer */
+        {"", ""},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.second, kxcloud::tampered(c.first)) << c.first;
 }
 
 TEST(CloudLifetime, DestructionEndsAStalledAnswerPromptly)
