@@ -6,11 +6,13 @@
  *
  * Starts a Cloud (HTTPS on an ephemeral 127.0.0.1 port with the run's
  * generated certificate, plain HTTP on 127.0.0.1:80 when allowed), registers
- * the account and messaging services, prints the HTTPS domain
- * ("127.0.0.1:<port>") as one line on stdout and serves until SIGTERM or
- * SIGINT, or until SECONDS have passed (default 120), so that it never
- * outlives a demo that died. Exit status 0 after a clean stop, 1 when the
- * HTTPS listener could not start, 2 for a bad argument.
+ * the account and messaging services, starts the push service (secure
+ * WebSocket "/push" on another ephemeral port), prints the HTTPS domain
+ * ("127.0.0.1:<port>") as the first line on stdout and the push endpoint
+ * ("127.0.0.1:<port>") as the second, and serves until SIGTERM or SIGINT, or
+ * until SECONDS have passed (default 120), so that it never outlives a demo
+ * that died. Exit status 0 after a clean stop, 1 when the HTTPS listener
+ * could not start, 2 for a bad argument.
  */
 #include <signal.h>
 #include <time.h>
@@ -20,6 +22,7 @@
 #include <cstdlib>
 
 #include "device_services.h"
+#include "push_services.h"
 #include "test_cloud.h"
 
 int main(int argc, char **argv)
@@ -44,7 +47,8 @@ int main(int argc, char **argv)
         return 1;
     }
     kxcloud::register_device_services(cloud);
-    std::printf("%s\n", cloud.https_domain().c_str());
+    kxcloud::PushService push(kxcloud::PushScript{3, std::chrono::milliseconds(400), std::chrono::seconds(seconds)});
+    std::printf("%s\n%s\n", cloud.https_domain().c_str(), push.address().c_str());
     std::fflush(stdout);
     std::fprintf(stderr, "kx_local_cloud: serving https://%s%s for at most %ld s\n", cloud.https_domain().c_str(),
                  cloud.http_ready() ? " and http://127.0.0.1:80" : "", seconds);
@@ -54,7 +58,8 @@ int main(int argc, char **argv)
     do {
         received = sigtimedwait(&stop, nullptr, &limit);
     } while (received < 0 && errno == EINTR);
-    std::fprintf(stderr, "kx_local_cloud: %s, %zu requests served\n",
-                 received < 0 ? "time limit reached" : "stopped", cloud.requests().size());
+    std::fprintf(stderr, "kx_local_cloud: %s, %zu requests served, %d push connections, %d acknowledgements\n",
+                 received < 0 ? "time limit reached" : "stopped", cloud.requests().size(),
+                 push.server().connections(), push.acknowledged());
     return 0;
 }

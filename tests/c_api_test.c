@@ -1,5 +1,6 @@
 /* The public interface used from plain C99: the whole umbrella header must
  * compile cleanly as C, and the core calls must work from a C program. */
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -60,11 +61,37 @@ static void check_init(void)
     CHECK(KX_GLOBAL_DEINIT() == 0);
 }
 
+/* The push channel's records as C sees them: the slot right after its
+ * 16-byte prefix, then the fields and callbacks in their documented order. */
+static void check_push(void)
+{
+    lws_channel_t channel;
+    int32_t id = 0;
+    char text[] = "{\"msgType\":\"notice\",\"id\":42}";
+    memset(&channel, 0, sizeof channel);
+    CHECK(offsetof(lws_channel_t, payload) == 16);
+    CHECK(offsetof(lws_channel_t, payload_len) == 16 + 10240);
+    CHECK(offsetof(lws_channel_t, write_lock) == offsetof(lws_channel_t, payload_len) + 4);
+    CHECK(offsetof(lws_channel_t, wake_flag) == offsetof(lws_channel_t, write_lock) + 1);
+    CHECK(offsetof(lws_channel_t, write_protocol) < offsetof(lws_channel_t, missed_heartbeats));
+    CHECK(offsetof(lws_channel_t, reserved) == offsetof(lws_channel_t, missed_heartbeats) + 4);
+    CHECK(offsetof(lws_channel_t, heartbeat_interval) == offsetof(lws_channel_t, reserved) + 4);
+    CHECK(offsetof(lws_channel_t, service_tid) == offsetof(lws_channel_t, service_pid) + 4);
+    CHECK(offsetof(lws_channel_t, reserved_callback) == offsetof(lws_channel_t, on_message) + sizeof(void *));
+    CHECK(offsetof(lws_channel_t, on_closed) == offsetof(lws_channel_t, reserved_callback) + sizeof(void *));
+    CHECK(offsetof(lws_client_t, port) > offsetof(lws_client_t, path));
+    CHECK(decodeMessage(text, &id) == 0 && id == 42);
+    CHECK(lws_connect("127.0.0.1", "/push", 0, &channel, 100) == NULL);
+    CHECK(fire_writable_out(NULL, text, 1, 0, 0) == -2);
+    lws_disconnect(NULL);
+}
+
 int main(void)
 {
     check_urls();
     check_list();
     check_init();
+    check_push();
     if (failures != 0) {
         fprintf(stderr, "%d checks failed\n", failures);
         return 1;
