@@ -66,7 +66,14 @@
  * gone (it comes after a refused connection too); call lws_disconnect and
  * lws_connect again. on_closed is also called with
  * LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER (24) while the opening handshake
- * is written: test the reason.
+ * is written: test the reason. A connection that fails while libwebsockets
+ * sets it up (an address that does not resolve) may end without any
+ * callback: wait for on_established with a time-out of your own. A frame left
+ * in the slot when a connection ends is sent on the next connection made with
+ * the same record; set payload_len to 0 before lws_connect to drop it.
+ * libwebsockets 4.1 keeps a watch of its own: a connection that has had no
+ * pong for 300 seconds (since it opened, or since the last pong) gets a ping
+ * from libwebsockets, and is closed when no pong follows within 10 seconds.
  *
  * lws_disconnect leaves nothing behind: the service thread leaves its loop,
  * destroys its libwebsockets context, which closes the connection (TLS and
