@@ -36,20 +36,10 @@ constexpr size_t kMaxHead = 16384;
 constexpr uint64_t kMaxPayload = 16u << 20;
 const char kGuid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 
-bool same_name(const std::string &a, const std::string &b)
-{
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
 std::string trim(const std::string &s)
 {
     size_t b = s.find_first_not_of(" \t");
-    if (b == std::string::npos)
-        return "";
-    size_t e = s.find_last_not_of(" \t\r");
-    return s.substr(b, e - b + 1);
+    return b == std::string::npos ? "" : s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
 }
 
 std::string accept_key(const std::string &key)
@@ -69,14 +59,6 @@ void wait_fd(int fd, short events)
 }
 
 }  // namespace
-
-std::string WsHandshake::header(const std::string &name) const
-{
-    for (const auto &h : headers)
-        if (same_name(h.first, name))
-            return h.second;
-    return "";
-}
 
 /* One client connection. Its lock guards the TLS session and the frame
  * layer: the server thread reads under it, a test thread sends under it. */
@@ -271,22 +253,23 @@ bool WssServer::State::open(Conn &conn)
     conn.pending = conn.head.substr(end + 4);
     std::string request = conn.head.substr(0, end + 2);
     WsHandshake hs;
+    hs.tls = true;
+    /* "GET /push HTTP/1.1", then one "Name: value" a line. */
     size_t line_end = request.find("\r\n");
-    std::string line = request.substr(0, line_end);
-    size_t sp1 = line.find(' ');
-    size_t sp2 = line.rfind(' ');
-    if (sp1 != std::string::npos && sp2 > sp1)
-        hs.target = line.substr(sp1 + 1, sp2 - sp1 - 1);
-    for (size_t pos = line_end + 2; pos < request.size();) {
-        size_t next = request.find("\r\n", pos);
-        std::string h = request.substr(pos, next - pos);
-        pos = next + 2;
-        size_t colon = h.find(':');
+    const std::string line = request.substr(0, line_end);
+    hs.method = line.substr(0, line.find(' '));
+    size_t target_at = line.find(' ') + 1;
+    hs.target = line.substr(target_at, line.rfind(' ') - target_at);
+    hs.path = hs.target.substr(0, hs.target.find('?'));
+    for (size_t pos = line_end + 2, next; pos < request.size(); pos = next + 2) {
+        next = request.find("\r\n", pos);
+        const std::string field = request.substr(pos, next - pos);
+        const size_t colon = field.find(':');
         if (colon != std::string::npos)
-            hs.headers.emplace_back(h.substr(0, colon), trim(h.substr(colon + 1)));
+            hs.headers.emplace_back(field.substr(0, colon), trim(field.substr(colon + 1)));
     }
     std::string key = hs.header("Sec-WebSocket-Key");
-    if (line.compare(0, 4, "GET ") != 0 || key.empty()) {
+    if (hs.method != "GET" || key.empty()) {
         const char refusal[] = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
         conn.write_all(reinterpret_cast<const uint8_t *>(refusal), sizeof refusal - 1);
         return false;

@@ -38,6 +38,8 @@
 #include <utility>
 #include <vector>
 
+#include "test_cloud.h"
+
 namespace kxcloud {
 
 /* Opcodes of RFC 6455. */
@@ -58,15 +60,11 @@ struct WsFrame {
     std::chrono::steady_clock::time_point at; /* when its last byte was read */
 };
 
-/* The opening request of one connection. */
-struct WsHandshake {
+/* The opening request of one connection, recorded like the cloud's HTTP
+ * requests (method, raw target and path, headers in arrival order). */
+struct WsHandshake : Request {
     int connection = 0;
-    std::string target; /* raw request target: "/push" */
-    std::vector<std::pair<std::string, std::string>> headers; /* in arrival order */
     std::chrono::steady_clock::time_point at;
-
-    /* Value of the first header of that name (case-insensitive), "" if absent. */
-    std::string header(const std::string &name) const;
 };
 
 struct WssOptions {

@@ -1104,6 +1104,17 @@ void push_prepare_connected(Run &r)
     });
 }
 
+/* The same plus a text frame from malloc in r.uout, for a queuing call. */
+void push_prepare_text(Run &r, bool connected)
+{
+    if (connected)
+        push_prepare_connected(r);
+    else
+        push_prepare(r);
+    r.uout = static_cast<unsigned char *>(std::malloc(sizeof kPushText));
+    std::memcpy(r.uout, kPushText, sizeof kPushText);
+}
+
 void push_release(Run &r)
 {
     if (r.out == nullptr)
@@ -1114,6 +1125,8 @@ void push_release(Run &r)
     push_wait([] { return push_server().open_connections() == 0; });
     std::free(r.out);
     r.out = nullptr;
+    std::free(r.uout); /* a text the queuing call refused */
+    r.uout = nullptr;
 }
 
 Call push_call(const char *name, std::function<void(Run &)> prepare, std::function<int64_t(Run &)> fn,
@@ -1171,18 +1184,12 @@ void add_push(std::vector<Call> &t)
             return r.fault("the connection stayed open");
         return Outcome::Success;
     }));
-    t.push_back(push_call("fire_writable_out", [](Run &r) {
-        push_prepare_connected(r);
-        r.uout = static_cast<unsigned char *>(std::malloc(sizeof kPushText));
-        std::memcpy(r.uout, kPushText, sizeof kPushText);
-    }, [](Run &r) -> int64_t {
+    t.push_back(push_call("fire_writable_out", [](Run &r) { push_prepare_text(r, true); }, [](Run &r) -> int64_t {
         int32_t result = fire_writable_out(push_run(r).client, r.uout, sizeof kPushText - 1, LWS_WRITE_TEXT, 1);
         if (result == 0)
             r.uout = nullptr; /* the library's now */
         return result;
     }, [](Run &r, int64_t result) {
-        std::free(r.uout);
-        r.uout = nullptr;
         if (result != 0)
             return r.fault("result " + std::to_string(result));
         if (!push_wait([] { return push_server().count(kxcloud::kWsText) == 1; }) ||
@@ -1198,11 +1205,7 @@ void add_push(std::vector<Call> &t)
             return r.fault("the ping is not in the slot");
         return Outcome::Success;
     }));
-    t.push_back(push_call("fire_writable", [](Run &r) {
-        push_prepare(r);
-        r.uout = static_cast<unsigned char *>(std::malloc(sizeof kPushText));
-        std::memcpy(r.uout, kPushText, sizeof kPushText);
-    }, [](Run &r) -> int64_t {
+    t.push_back(push_call("fire_writable", [](Run &r) { push_prepare_text(r, false); }, [](Run &r) -> int64_t {
         int32_t result = fire_writable(nullptr, &push_run(r).channel, r.uout, sizeof kPushText - 1, LWS_WRITE_TEXT, 0);
         if (result == 0)
             r.uout = nullptr;
