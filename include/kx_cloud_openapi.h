@@ -53,5 +53,6 @@
 #include "kx_sdk_ad.h"
 #include "kx_sdk_log.h"
 #include "kx_sdk_external.h"
+#include "kx_sdk_lws.h"
 
 #endif

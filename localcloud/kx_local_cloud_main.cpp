@@ -7,13 +7,15 @@
  *
  * Starts a Cloud (HTTPS on an ephemeral 127.0.0.1 port with the run's
  * generated certificate, plain HTTP on 127.0.0.1:80 when allowed), registers
- * the services of every call family, prints the HTTPS domain
- * ("127.0.0.1:<port>") as one line on stdout and serves until SIGTERM or
- * SIGINT, or until SECONDS have passed (default 120), so that it never
- * outlives a demo that died. The fault options (faults.h; each may repeat,
+ * the services of every call family, starts the push service (secure
+ * WebSocket "/push" on another ephemeral port), prints the HTTPS domain
+ * ("127.0.0.1:<port>") as the first line on stdout and the push endpoint
+ * ("127.0.0.1:<port>") as the second, and serves until SIGTERM or SIGINT, or
+ * until SECONDS have passed (default 120), so that it never outlives a demo
+ * that died. The fault options (faults.h; each may repeat,
  * PATH "*" is every path) make chosen answers stall, break off, fail their
  * signature check or carry an error status; --paths prints, after the
- * domain line, the paths the cloud answers, one a line, and exits. Exit
+ * two address lines, the paths the cloud answers, one a line, and exits. Exit
  * status 0 after a clean stop, 1 when the HTTPS listener could not start,
  * 2 for a bad argument.
  */
@@ -31,6 +33,7 @@
 #include "external_services.h"
 #include "faults.h"
 #include "log_services.h"
+#include "push_services.h"
 #include "test_cloud.h"
 #include "upgrade_ad_services.h"
 
@@ -91,7 +94,8 @@ int main(int argc, char **argv)
     kxcloud::register_upgrade_ad_services(cloud);
     kxcloud::register_log_services(cloud);
     kxcloud::register_external_services(cloud);
-    std::printf("%s\n", cloud.https_domain().c_str());
+    kxcloud::PushService push(kxcloud::PushScript{3, std::chrono::milliseconds(400), std::chrono::seconds(seconds)});
+    std::printf("%s\n%s\n", cloud.https_domain().c_str(), push.address().c_str());
     std::fflush(stdout);
     std::fprintf(stderr, "kx_local_cloud: serving https://%s%s for at most %ld s\n", cloud.https_domain().c_str(),
                  cloud.http_ready() ? " and http://127.0.0.1:80" : "", seconds);
@@ -106,7 +110,8 @@ int main(int argc, char **argv)
     do {
         received = sigtimedwait(&stop, nullptr, &limit);
     } while (received < 0 && errno == EINTR);
-    std::fprintf(stderr, "kx_local_cloud: %s, %zu requests served\n",
-                 received < 0 ? "time limit reached" : "stopped", cloud.requests().size());
+    std::fprintf(stderr, "kx_local_cloud: %s, %zu requests served, %d push connections, %d acknowledgements\n",
+                 received < 0 ? "time limit reached" : "stopped", cloud.requests().size(),
+                 push.server().connections(), push.acknowledged());
     return 0;
 }

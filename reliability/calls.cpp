@@ -30,6 +30,7 @@
 #include "log_services.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
+#include "wss_server.h"
 
 namespace kxrel {
 
@@ -1266,9 +1267,218 @@ void add_upgrade_ad(std::vector<Call> &t)
 
 /* ---- push channel ------------------------------------------------------------ */
 
+/* The application's side of one push run: its channel record (first, so the
+ * callbacks find the rest), the handle, and what the callbacks saw. Made and
+ * freed outside the armed part of a run. */
+struct PushRun {
+    lws_channel_t channel;
+    lws_client_t *client;
+    int established;           /* atomic */
+    int messages;              /* atomic */
+    char address[16];          /* the library keeps the pointer */
+};
+
+PushRun &push_run(Run &r) { return *reinterpret_cast<PushRun *>(r.out); }
+
+int push_established(struct lws *, lws_channel_t *channel, void *, size_t, int)
+{
+    __atomic_add_fetch(&reinterpret_cast<PushRun *>(channel)->established, 1, __ATOMIC_SEQ_CST);
+    return 0;
+}
+
+int push_message(struct lws *, lws_channel_t *channel, void *, size_t, int)
+{
+    __atomic_add_fetch(&reinterpret_cast<PushRun *>(channel)->messages, 1, __ATOMIC_SEQ_CST);
+    return 0;
+}
+
+/* One WSS endpoint for every push run of the program. */
+kxcloud::WssServer &push_server()
+{
+    static kxcloud::WssServer server;
+    return server;
+}
+
+/* Waits for the server's events and, in small steps, for the callbacks'. */
+bool push_wait(const std::function<bool()> &pred)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!push_server().wait_for(pred, std::chrono::milliseconds(10)))
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+    return true;
+}
+
+const char kPushText[] = "{\"msgType\":\"reliability\"}";
+const char kPushAck12[] = "{\n\t\"msgType\":\t\"ack\",\n\t\"id\":\t12\n}";
+
+void push_prepare(Run &r)
+{
+    auto *p = static_cast<PushRun *>(std::calloc(1, sizeof(PushRun)));
+    std::strcpy(p->address, "127.0.0.1");
+    p->channel.on_established = push_established;
+    p->channel.on_message = push_message;
+    r.out = reinterpret_cast<char *>(p);
+    push_server().clear_frames();
+}
+
+/* The run's record plus an open connection. */
+void push_prepare_connected(Run &r)
+{
+    push_prepare(r);
+    PushRun &p = push_run(r);
+    p.client = lws_connect(p.address, "/reliability/push", static_cast<uint32_t>(push_server().port()), &p.channel, 50);
+    push_wait([&] {
+        return __atomic_load_n(&p.established, __ATOMIC_SEQ_CST) == 1 && push_server().open_connections() == 1;
+    });
+}
+
+/* The same plus a text frame from malloc in r.uout, for a queuing call. */
+void push_prepare_text(Run &r, bool connected)
+{
+    if (connected)
+        push_prepare_connected(r);
+    else
+        push_prepare(r);
+    r.uout = static_cast<unsigned char *>(std::malloc(sizeof kPushText));
+    std::memcpy(r.uout, kPushText, sizeof kPushText);
+}
+
+void push_release(Run &r)
+{
+    if (r.out == nullptr)
+        return;
+    PushRun &p = push_run(r);
+    if (p.client != nullptr)
+        lws_disconnect(p.client);
+    push_wait([] { return push_server().open_connections() == 0; });
+    std::free(r.out);
+    r.out = nullptr;
+    std::free(r.uout); /* a text the queuing call refused */
+    r.uout = nullptr;
+}
+
+Call push_call(const char *name, std::function<void(Run &)> prepare, std::function<int64_t(Run &)> fn,
+               std::function<Outcome(Run &, int64_t)> judge)
+{
+    Call c;
+    c.name = name;
+    c.family = "push";
+    c.prepare = std::move(prepare);
+    c.invoke = std::move(fn);
+    c.judge = std::move(judge);
+    c.release = push_release;
+    return c;
+}
+
+/* A record without a connection: the queuing core and the callback work on
+ * the slot alone (a null connection asks libwebsockets for nothing). */
+std::string slot_of(Run &r)
+{
+    const lws_channel_t &ch = push_run(r).channel;
+    return std::string(reinterpret_cast<const char *>(ch.payload), ch.payload_len);
+}
+
 void add_push(std::vector<Call> &t)
 {
-    (void)t;
+    /* Connecting: the handle, its loop flag and thread id, the thread start.
+     * 0 = handle with a thread, 1 = handle whose thread could not start,
+     * -1 = no handle. */
+    t.push_back(push_call("lws_connect", push_prepare, [](Run &r) -> int64_t {
+        PushRun &p = push_run(r);
+        p.client = lws_connect(p.address, "/reliability/push", static_cast<uint32_t>(push_server().port()),
+                               &p.channel, 50);
+        return p.client == nullptr ? -1 : p.client->service_thread == nullptr ? 1 : 0;
+    }, [](Run &r, int64_t result) {
+        PushRun &p = push_run(r);
+        if (result == -1)
+            return log_contains("out of memory.") ? Outcome::Failure : r.fault("null without \"out of memory.\"");
+        if (result == 1)
+            return log_contains("ret: ") ? Outcome::Failure : r.fault("no thread and no \"ret:\" line");
+        if (!push_wait([&] { return __atomic_load_n(&p.established, __ATOMIC_SEQ_CST) == 1; }))
+            return r.fault("the connection never opened");
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("lws_disconnect", push_prepare_connected, [](Run &r) -> int64_t {
+        PushRun &p = push_run(r);
+        r.outlen = p.channel.service_tid;
+        lws_disconnect(p.client);
+        p.client = nullptr;
+        return 0;
+    }, [](Run &r, int64_t) {
+        struct stat st;
+        if (stat(("/proc/self/task/" + std::to_string(r.outlen)).c_str(), &st) == 0)
+            return r.fault("the service thread outlived lws_disconnect");
+        if (!push_wait([] { return push_server().open_connections() == 0; }))
+            return r.fault("the connection stayed open");
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("fire_writable_out", [](Run &r) { push_prepare_text(r, true); }, [](Run &r) -> int64_t {
+        int32_t result = fire_writable_out(push_run(r).client, r.uout, sizeof kPushText - 1, LWS_WRITE_TEXT, 1);
+        if (result == 0)
+            r.uout = nullptr; /* the library's now */
+        return result;
+    }, [](Run &r, int64_t result) {
+        if (result != 0)
+            return r.fault("result " + std::to_string(result));
+        if (!push_wait([] { return push_server().count(kxcloud::kWsText) == 1; }) ||
+            push_server().frames(kxcloud::kWsText)[0].payload != kPushText)
+            return r.fault("the frame never reached the server");
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("fire_writable_in", push_prepare, [](Run &r) -> int64_t {
+        static const char ping[] = "heartbeat";
+        return fire_writable_in(nullptr, &push_run(r).channel, const_cast<char *>(ping), 9, LWS_WRITE_PING);
+    }, [](Run &r, int64_t result) {
+        if (result != 0 || slot_of(r) != "heartbeat" || push_run(r).channel.write_protocol != LWS_WRITE_PING)
+            return r.fault("the ping is not in the slot");
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("fire_writable", [](Run &r) { push_prepare_text(r, false); }, [](Run &r) -> int64_t {
+        int32_t result = fire_writable(nullptr, &push_run(r).channel, r.uout, sizeof kPushText - 1, LWS_WRITE_TEXT, 0);
+        if (result == 0)
+            r.uout = nullptr;
+        return result;
+    }, [](Run &r, int64_t result) {
+        if (result != 0 || slot_of(r) != kPushText)
+            return r.fault("the text is not in the slot");
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("writ_callback_send_buf", push_prepare, [](Run &r) -> int64_t {
+        /* An empty slot writes nothing: any connection will do. */
+        return writ_callback_send_buf(reinterpret_cast<struct lws *>(&r), &push_run(r).channel);
+    }, [](Run &r, int64_t result) {
+        if (result != 0 || !log_contains("clean up"))
+            return r.fault("an empty slot gave " + std::to_string(result));
+        return Outcome::Success;
+    }));
+    t.push_back(push_call("decodeMessage", push_prepare, [](Run &) -> int64_t {
+        int32_t id = 0;
+        int32_t result = decodeMessage("{\"msgType\":\"notice\",\"id\":12}", &id);
+        return result == 0 ? id : result;
+    }, [](Run &r, int64_t result) {
+        if (result == 12)
+            return Outcome::Success;
+        if (result == -1 && log_contains("cJSON_Parse failed!"))
+            return Outcome::Failure;
+        return r.fault("result " + std::to_string(result));
+    }));
+    /* A received message: decoded, acknowledged into the slot, delivered.
+     * Short of memory, the acknowledgement is dropped whole, the message
+     * still delivered. */
+    t.push_back(push_call("lws_protocol_0_callback", push_prepare, [](Run &r) -> int64_t {
+        char text[] = "{\"msgType\":\"notice\",\"id\":12}";
+        return lws_protocol_0_callback(nullptr, LWS_CALLBACK_CLIENT_RECEIVE, &push_run(r).channel, text,
+                                       sizeof text - 1);
+    }, [](Run &r, int64_t result) {
+        if (result != 0 || push_run(r).messages != 1)
+            return r.fault("the message was not delivered");
+        if (slot_of(r) == kPushAck12)
+            return Outcome::Success;
+        if (slot_of(r).empty())
+            return Outcome::Failure;
+        return r.fault("the slot holds \"" + slot_of(r) + "\"");
+    }));
 }
 
 /* ---- signed external fetch ---------------------------------------------------- */

@@ -6,14 +6,16 @@
 #   3. builds the local cloud (kx_local_cloud) and the examples listed below;
 #   4. inside a private network namespace (nothing touches the machine's network):
 #      starts the cloud on loopback, runs each example against the domain it
-#      prints, and stops the cloud. The cloud also stops by itself after 60
+#      prints (the push example against its push endpoint, for 6 seconds of
+#      sessions the server ends and reconnections with back-off), and stops
+#      the cloud. The cloud also stops by itself after 60
 #      seconds, should the demo die half-way.
 # Every example runs even when an earlier one failed; the demo fails if any did.
 # Set VTL_DEBUG_LEVEL=info to see every log line of the library.
 set -euo pipefail
 
 # The examples, in the order a device would run them.
-examples=(device_session log_session fetch_session)
+examples=(device_session log_session fetch_session push_session)
 
 if [ "${1:-}" = "--session" ]; then
   # Runs inside the namespace: $2 = the cloud program, then the examples.
@@ -33,11 +35,15 @@ if [ "${1:-}" = "--session" ]; then
     echo "demo: the local cloud did not start" >&2
     exit 1
   fi
-  echo "demo: local cloud at https://$domain"
+  endpoint=$(sed -n 2p "$out")
+  echo "demo: local cloud at https://$domain, push endpoint wss://$endpoint/push"
   status=0
   for example in "$@"; do
     echo "demo: $(basename "$example")"
-    "$example" "$domain" || status=1
+    case $(basename "$example") in
+      push_session) "$example" "$endpoint" 6 || status=1 ;;
+      *) "$example" "$domain" || status=1 ;;
+    esac
   done
   exit $status
 fi

@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake pkg-config openssl iproute2 util-linux
       libcurl4-openssl-dev libssl-dev zlib1g-dev libxml2-dev libcjson-dev libwebsockets-dev
-      libgtest-dev libbenchmark-dev libcpp-httplib-dev "$@")
+      libgtest-dev libbenchmark-dev libcpp-httplib-dev libwslay-dev "$@")
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

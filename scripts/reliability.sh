@@ -5,8 +5,8 @@
 #   scripts/reliability.sh sweep [--ci]     allocation-failure sweep of every call in the table
 #                                           (--ci: TLS calls every 25th allocation, sign-in in full)
 #   scripts/reliability.sh valgrind [--all] memcheck over the reliability suites (every exported
-#                                           call, hostile servers); --all: over every suite
-#   scripts/reliability.sh tsan             thread checks under ThreadSanitizer
+#                                           call, hostile servers, 50 push cycles); --all: every suite
+#   scripts/reliability.sh tsan             thread checks and 50 push cycles under ThreadSanitizer
 #   scripts/reliability.sh fuzz [SECONDS]   every libFuzzer target for SECONDS (default 30) each
 #   scripts/reliability.sh heap [CALL...]   the heap each signed call holds at most, by owner
 #                                           (library, libcurl, OpenSSL, other); a measurement
@@ -59,8 +59,9 @@ valgrind_check() {
     cmake --build "$dir" -j"$jobs" >/dev/null
     suites=$(find "$dir/tests" -maxdepth 2 -type f -perm -u+x -name '*_test' | sort)
   else
-    cmake --build "$dir" --target reliability_calls_test hostile_test -j"$jobs" >/dev/null
+    cmake --build "$dir" --target reliability_calls_test hostile_test push_cycle_test -j"$jobs" >/dev/null
     suites="$dir/tests/reliability/reliability_calls_test $dir/tests/reliability/hostile_test"
+    suites="$suites $dir/tests/reliability/push_cycle_test"
   fi
   for prog in $suites; do
     [ -x "$prog" ] || continue
@@ -84,12 +85,15 @@ valgrind_check() {
 }
 
 tsan() {
-  local dir=$root/tsan
+  local dir=$root/tsan status=0
   configure "$dir" -DKX_TSAN=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
-  cmake --build "$dir" --target threads_test -j"$jobs" >/dev/null
+  cmake --build "$dir" --target threads_test push_cycle_test -j"$jobs" >/dev/null
   # ASLR with high entropy breaks older ThreadSanitizer runtimes' memory map.
-  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp} \
-    scripts/in-netns.sh setarch "$(uname -m)" -R "$dir/tests/reliability/threads_test" --gtest_brief=1
+  export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp}
+  for suite in threads_test push_cycle_test; do
+    scripts/in-netns.sh setarch "$(uname -m)" -R "$dir/tests/reliability/$suite" --gtest_brief=1 || status=1
+  done
+  return $status
 }
 
 heap() {

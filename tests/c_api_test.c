@@ -39,10 +39,25 @@ static void check_init(void)
     CHECK(KX_GLOBAL_DEINIT() == 0);
 }
 
+/* The push channel from C: its refusals and its message decoder (the
+ * records' layout is layout_test's). */
+static void check_push(void)
+{
+    lws_channel_t channel;
+    int32_t id = 0;
+    char text[] = "{\"msgType\":\"notice\",\"id\":42}";
+    memset(&channel, 0, sizeof channel);
+    CHECK(decodeMessage(text, &id) == 0 && id == 42);
+    CHECK(lws_connect("127.0.0.1", "/push", 0, &channel, 100) == NULL);
+    CHECK(fire_writable_out(NULL, text, 1, 0, 0) == -2);
+    lws_disconnect(NULL);
+}
+
 int main(void)
 {
     check_urls();
     check_init();
+    check_push();
     if (failures != 0) {
         fprintf(stderr, "%d checks failed\n", failures);
         return 1;
