@@ -132,6 +132,121 @@ static const struct field msg_info[] = {
 };
 #undef R
 
+/* ---- log service, upgrade-event report ------------------------------------------ */
+
+#define R KX_LOG_SERVICE_REQ_S
+static const struct field log_service_req[] = {
+    F(u32ChangeToHttp, U32), F(u32LanguageId, U32), F(ps8AppVersion, TEXT), F(ps8AppKey, TEXT),
+    F(ps8AccessToken, TEXT),
+};
+#undef R
+#define R KX_LOG_SERVICE_LIST_S
+static const struct field log_service_list[] = {
+    F(u32PolicyServiceNum, U32), F(u32UploadServiceNum, U32), B(as8PolicyService, 8 * 256),
+    B(as8UploadService, 8 * 256),
+};
+#undef R
+#define R KX_LOG_POLICY_REQ_S
+static const struct field log_policy_req[] = {
+    F(u32ChangeToHttp, U32), F(u32Reserved2, U32), F(u32DeviceType, U32), F(u32LanguageId, U32),
+    F(u32Reserved5, U32),    F(u32Reserved6, U32), F(u32Reserved7, U32),  F(u32Reserved8, U32),
+    F(ps8AccessToken, TEXT),
+};
+#undef R
+#define R KX_LOG_ALL_POLICY_REQ_S
+static const struct field log_all_policy_req[] = {
+    F(u32ChangeToHttp, U32),   F(u32Reserved2, U32),   F(u32Reserved3, U32),       F(u32Reserved4, U32),
+    F(u32AppKey, U32),         F(u32Reserved6, U32),   F(ps8CountryCode, TEXT),    F(ps8BrandCode, TEXT),
+    F(u32Reserved9, U32),      F(ps8DeviceId, TEXT),   F(ps8PolicySeq, TEXT),      F(ps8CapabilityCode, TEXT),
+    F(ps8TVOSVersion, TEXT),
+};
+#undef R
+#define R KX_LOG_UPLOAD_S
+static const struct field log_upload[] = {
+    F(u32ChangeToHttp, U32), F(u32Reserved2, U32), F(u32Reserved3, U32), F(u32Reserved4, U32),
+    F(u32Reserved5, U32),    F(ps8LogTag, TEXT),   F(u32LogDataLen, U32), F(ps8LogData, TEXT),
+    F(ps8UploadUrl, TEXT),
+};
+#undef R
+#define R KX_LOG_UPLOAD_EX_S
+static const struct field log_upload_ex[] = {
+    F(u32ChangeToHttp, U32), F(u32CompressMode, U32), F(u32MsgForm, U32),     F(u32Reserved4, U32),
+    F(u32Reserved5, U32),    F(ps8DeviceId, TEXT),    F(ps8EventCode, TEXT),  F(ps8ErrorCode, TEXT),
+    F(ps8FileName, TEXT),    F(u32Reserved10, U32),   F(ps8LogTag, TEXT),     F(u32DataLen, U32),
+    F(ps8Data, TEXT),        F(ps8UploadUrl, TEXT),
+};
+#undef R
+#define R KX_UPGRADE_EVENT_S
+static const struct field upgrade_event[] = {
+    F(ps8DeviceExtInfoStr, TEXT), F(u32ChangeToHttp, U32), F(u32SourceType, U32), F(u32LanguageId, U32),
+    F(ps8Version, TEXT),          F(ps8AccessToken, TEXT), F(ps8EventCode, TEXT),
+};
+#undef R
+
+/* ---- upgrade checks and advertising ---------------------------------------------- */
+
+#define R KX_UPGRADE_CHECK_S
+static const struct field upgrade_check[] = {
+    F(u32ChangeToHttp, U32), F(u32LanguageId, U32), F(ps8CurrentVersion, TEXT), F(ps8AccessToken, TEXT),
+    F(ps8DvcRsv, TEXT),      F(ps8StatCode, TEXT),  F(ps8PostCode, TEXT),       F(ps8BrandCode, TEXT),
+    F(ps8Mac, TEXT),
+};
+#undef R
+#define R KX_APP_UPGRADE_CHECK_S
+static const struct field app_upgrade_check[] = {
+    F(u32ChangeToHttp, U32), F(u32LanguageId, U32), F(ps8CurrentVersion, TEXT), F(ps8AccessToken, TEXT),
+    F(ps8PackageName, TEXT), F(ps8StatCode, TEXT),  F(ps8PostCode, TEXT),
+};
+#undef R
+#define R KX_AD_STRATEGY_S
+static const struct field ad_strategy[] = {
+    F(ps8AdInfo, TEXT),    F(ps8Token, TEXT),   F(s32LanguageId, S32),  F(ps8TvMode, TEXT),
+    F(ps8OsVersion, TEXT), F(s32OsType, S32),   F(ps8ZipCode, TEXT),    F(ps8CountryCode, TEXT),
+};
+#undef R
+#define R KX_AD_LINKINFO_S
+static const struct field ad_linkinfo[] = {
+    F(ps8AdLinkId, TEXT),  F(ps8AdCode, TEXT),    F(ps8AdPositionOwner, TEXT), F(ps8Token, TEXT),
+    F(s32LanguageId, S32), F(ps8TvMode, TEXT),    F(ps8OsVersion, TEXT),       F(s32OsType, S32),
+    F(ps8ZipCode, TEXT),   F(ps8CountryCode, TEXT),
+};
+#undef R
+
+/* ---- push channel ----------------------------------------------------------------- */
+
+#define R lws_channel_t
+static const struct field lws_channel[] = {
+    B(prefix, 16),                  B(payload, 10240),           F(payload_len, U32),
+    F(write_lock, BYTE),            F(wake_flag, BYTE),          F(write_protocol, S32),
+    F(missed_heartbeats, S32),      F(reserved, S32),            F(heartbeat_interval, S32),
+    F(heartbeat_max_missed, S32),   F(service_pid, U32),         F(service_tid, U32),
+    F(on_established, PTR),         F(on_message, PTR),          F(reserved_callback, PTR),
+    F(on_closed, PTR),              F(on_heartbeat_timeout, PTR),
+};
+#undef R
+#define R lws_client_t
+static const struct field lws_client[] = {
+    F(connection, PTR), F(context, PTR), F(service_thread, PTR), F(channel, PTR),
+    F(loop_flag, PTR),  F(address, TEXT), F(path, TEXT),         F(port, U32),
+};
+#undef R
+
+/* ---- signed external fetch --------------------------------------------------------- */
+
+#define R KX_SDK_FETCH_REQ_S
+static const struct field fetch_req[] = {
+    F(s32Http, S32),       F(s32Get, S32),      F(s32Sign, S32),     F(ps8FuncName, TEXT),
+    F(ps8Url, TEXT),       F(ps8SignBody, TEXT), F(ps8Body, TEXT),   F(ps8ConnectHeaders, TEXT),
+};
+#undef R
+#define R KX_SDK_FETCH_REQ_V31_S
+static const struct field fetch_req_v31[] = {
+    F(s32Mark, S32),          F(s32Http, S32),       F(s32Get, S32),     F(s32SignMode, S32),
+    F(ps8FuncName, TEXT),     F(ps8Url, TEXT),       F(ps8SignBody, TEXT), F(ps8Body, TEXT),
+    F(ps8ConnectHeaders, TEXT), F(s32Reserved, S32),
+};
+#undef R
+
 static const struct record records[] = {
     RECORD(KX_SDK_DATA_BUF_S, data_buf, 102404),
     RECORD(KX_SDK_LARGEDATA_S, large_data, 8),
@@ -146,6 +261,22 @@ static const struct record records[] = {
     RECORD(KX_CODE_AUTH_URL_S, code_auth_url, 40),
     RECORD(KX_CUSTOMER_INFO_S, customer_info, 20),
     RECORD(KX_MSG_INFO_S, msg_info, 28),
+    RECORD(KX_LOG_SERVICE_REQ_S, log_service_req, 20),
+    RECORD(KX_LOG_SERVICE_LIST_S, log_service_list, 4104),
+    RECORD(KX_LOG_POLICY_REQ_S, log_policy_req, 36),
+    RECORD(KX_LOG_ALL_POLICY_REQ_S, log_all_policy_req, 52),
+    RECORD(KX_LOG_UPLOAD_S, log_upload, 36),
+    RECORD(KX_LOG_UPLOAD_EX_S, log_upload_ex, 56),
+    RECORD(KX_UPGRADE_EVENT_S, upgrade_event, 28),
+    RECORD(KX_UPGRADE_CHECK_S, upgrade_check, 36),
+    RECORD(KX_APP_UPGRADE_CHECK_S, app_upgrade_check, 28),
+    RECORD(KX_AD_STRATEGY_S, ad_strategy, 32),
+    RECORD(KX_AD_LINKINFO_S, ad_linkinfo, 40),
+    /* the slot right after its 16-byte prefix, the one-byte lock and flag */
+    RECORD(lws_channel_t, lws_channel, 10312),
+    RECORD(lws_client_t, lws_client, 32),
+    RECORD(KX_SDK_FETCH_REQ_S, fetch_req, 32),
+    RECORD(KX_SDK_FETCH_REQ_V31_S, fetch_req_v31, 40),
 };
 
 /* ---- the check ---------------------------------------------------------------- */
@@ -184,7 +315,8 @@ static int made_as_documented(const struct field *f)
     case TEXT: return f->made == M_TEXT;
     case PTR: return f->made == M_POINTER || f->made == M_TEXT || f->made == M_CHARS;
     case BYTE: return f->made == M_BYTE;
-    case BYTES: return f->made == M_CHARS;
+    /* a text area, or rows of fixed-size texts (char[8][256]) */
+    case BYTES: return f->made == M_CHARS || f->made == M_POINTER;
     }
     return 0;
 }
