@@ -49,5 +49,6 @@
 #include "kx_sdk_transport.h"
 #include "kx_sdk_verify.h"
 #include "kx_sdk_account.h"
+#include "kx_sdk_voice.h"
 
 #endif
