@@ -6,7 +6,7 @@
  *
  * Starts a Cloud (HTTPS on an ephemeral 127.0.0.1 port with the run's
  * generated certificate, plain HTTP on 127.0.0.1:80 when allowed), registers
- * the account and messaging services, prints the HTTPS domain
+ * the account, messaging and voice services, prints the HTTPS domain
  * ("127.0.0.1:<port>") as one line on stdout and serves until SIGTERM or
  * SIGINT, or until SECONDS have passed (default 120), so that it never
  * outlives a demo that died. Exit status 0 after a clean stop, 1 when the
@@ -21,6 +21,7 @@
 
 #include "device_services.h"
 #include "test_cloud.h"
+#include "voice_services.h"
 
 int main(int argc, char **argv)
 {
@@ -44,6 +45,7 @@ int main(int argc, char **argv)
         return 1;
     }
     kxcloud::register_device_services(cloud);
+    kxcloud::register_voice_services(cloud);
     std::printf("%s\n", cloud.https_domain().c_str());
     std::fflush(stdout);
     std::fprintf(stderr, "kx_local_cloud: serving https://%s%s for at most %ld s\n", cloud.https_domain().c_str(),
