@@ -3,17 +3,19 @@
 #   1. installs what is missing (scripts/install-deps.sh);
 #   2. configures build/demo with a freshly generated CA, server certificate and
 #      answer-signing key pair (the library embeds the public half and the CA path);
-#   3. builds the local cloud (kx_local_cloud) and the example (device_session);
+#   3. builds the local cloud (kx_local_cloud) and the examples (device_session,
+#      voice_session);
 #   4. inside a private network namespace (nothing touches the machine's network):
-#      starts the cloud on loopback, runs examples/device_session.c against the
-#      domain it prints, and stops the cloud. The cloud also stops by itself after
-#      60 seconds, should the demo die half-way.
+#      starts the cloud on loopback, runs examples/device_session.c and then
+#      examples/voice_session.c against the domain it prints, and stops the cloud.
+#      The cloud also stops by itself after 60 seconds, should the demo die half-way.
 # Set VTL_DEBUG_LEVEL=info to see every log line of the library.
 set -euo pipefail
 
 if [ "${1:-}" = "--session" ]; then
-  # Runs inside the namespace: $2 = the cloud program, $3 = the example.
-  cloud=$2 session=$3
+  # Runs inside the namespace: $2 = the cloud program, then the examples.
+  cloud=$2
+  shift 2
   out=$(mktemp)
   "$cloud" 60 >"$out" &
   pid=$!
@@ -29,8 +31,11 @@ if [ "${1:-}" = "--session" ]; then
     exit 1
   fi
   echo "demo: local cloud at https://$domain"
-  "$session" "$domain"
-  exit $?
+  status=0
+  for session in "$@"; do
+    "$session" "$domain" || status=1
+  done
+  exit $status
 fi
 
 cd "$(dirname "$0")/.."
@@ -39,6 +44,6 @@ scripts/install-deps.sh
 # A fresh CA and key pair for this run.
 rm -rf "$build/testcloud"
 cmake -S . -B "$build" -DKX_BUILD_TESTS=ON -DKX_BUILD_EXAMPLES=ON >/dev/null
-cmake --build "$build" --target kx_local_cloud device_session -j"$(nproc)"
+cmake --build "$build" --target kx_local_cloud device_session voice_session -j"$(nproc)"
 scripts/in-netns.sh "$PWD/scripts/demo.sh" --session "$PWD/$build/localcloud/kx_local_cloud" \
-  "$PWD/$build/examples/device_session"
+  "$PWD/$build/examples/device_session" "$PWD/$build/examples/voice_session"

@@ -510,6 +510,21 @@ TEST_F(Voice, AnswersThatDoNotVerifyGiveMinusOneAndAnEmptyFile)
     }
 }
 
+TEST_F(Voice, UrlAndSignatureFailuresStopTheCallBeforeAnyTraffic)
+{
+    for (const Row &r : rows()) {
+        kxtest::clear_log();
+        EXPECT_EQ(r.invoke(0, nullptr, result), -1) << r.path;
+        EXPECT_TRUE(logged(r.name, "failed to call KX_SDK_CREATE_URL().\n", kxtest::kError)) << r.path;
+        auto key = gpKey;
+        gpKey = nullptr;
+        EXPECT_EQ(r.invoke(0, domain.c_str(), result), -1) << r.path;
+        gpKey = key;
+        EXPECT_TRUE(logged(r.name, "create signature failed.\n", kxtest::kError)) << r.path;
+    }
+    EXPECT_TRUE(cloud.requests().empty());
+}
+
 TEST_F(Voice, AnAnswerFileThatCannotBeCreatedIsReportedInTheCallsOwnWords)
 {
     for (const Row &r : rows()) {
