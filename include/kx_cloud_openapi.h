@@ -54,5 +54,6 @@
 #include "kx_sdk_log.h"
 #include "kx_sdk_external.h"
 #include "kx_sdk_lws.h"
+#include "kx_sdk_voice.h"
 
 #endif

@@ -53,19 +53,10 @@ const Service *find_service(const std::string &path)
     return nullptr;
 }
 
-/* The request's sign opens to an MD5 digest with the private half of the
- * embedded server key. */
-bool sign_opens(const Request &request)
-{
-    const std::map<std::string, std::string> pairs = request.method == "GET" ? request.query_form() : request.form();
-    const auto sign = pairs.find("sign");
-    return sign != pairs.end() && kxtest::open_request_signature(sign->second).size() == 16;
-}
-
 Reply answer_for(const Service &service, const Request &request)
 {
     std::string text = service.answer;
-    if (service.signed_request && !sign_opens(request)) {
+    if (service.signed_request && !request_sign_opens(request)) {
         text = service.xml ? "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response><resultCode>1</resultCode>"
                              "<errorDesc>sign check failed</errorDesc></response>"
                            : "{\"resultCode\":1,\"errorDesc\":\"sign check failed\"}";
@@ -77,6 +68,13 @@ Reply answer_for(const Service &service, const Request &request)
 }
 
 }  // namespace
+
+bool request_sign_opens(const Request &request)
+{
+    const std::map<std::string, std::string> pairs = request.method == "GET" ? request.query_form() : request.form();
+    const auto sign = pairs.find("sign");
+    return sign != pairs.end() && kxtest::open_request_signature(sign->second).size() == 16;
+}
 
 void register_device_services(Cloud &cloud)
 {

@@ -30,6 +30,10 @@ constexpr const char *kServiceCustomerId = "10086001";
 /* Routes every account and messaging path of the library on `cloud`. */
 void register_device_services(Cloud &cloud);
 
+/* The request's "sign" (in its body, or its query for a GET) opens to an MD5
+ * digest with the private half of the embedded server key. */
+bool request_sign_opens(const Request &request);
+
 /* The answer a service gives before it is signed (the verified text the
  * caller receives for JSON services, the rewritten file for XML ones).
  * `path` is the service path, "" when it is not one of these services. */

@@ -36,6 +36,7 @@
 #include "push_services.h"
 #include "test_cloud.h"
 #include "upgrade_ad_services.h"
+#include "voice_services.h"
 
 namespace {
 
@@ -91,6 +92,7 @@ int main(int argc, char **argv)
         return 1;
     }
     kxcloud::register_device_services(cloud);
+    kxcloud::register_voice_services(cloud);
     kxcloud::register_upgrade_ad_services(cloud);
     kxcloud::register_log_services(cloud);
     kxcloud::register_external_services(cloud);

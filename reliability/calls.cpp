@@ -1018,10 +1018,133 @@ void add_plain_routines(std::vector<Call> &t)
 
 /* ---- voice calls --------------------------------------------------------- */
 
+/* Voice calls answer like the account calls that fill a buffer: the raw
+ * answer in their fixed file, the verified JSON in the caller's buffer. */
+template <typename R>
+struct VoiceEntry {
+    const char *name, *path, *file;
+    int32_t (*fn)(const R *, const char *, char *);
+};
+
+/* The calls of one record type, each made from the same record (every
+ * optional value present, free texts that need encoding). */
+template <typename R>
+void add_voice_calls(std::vector<Call> &t, bool plain, R (*record)(uint32_t mode),
+                     std::initializer_list<VoiceEntry<R>> entries)
+{
+    for (const VoiceEntry<R> &e : entries) {
+        auto fn = e.fn;
+        Call c = json_account(e.name, e.path, e.file, plain, [fn, record](Run &r) {
+            const R rec = record(r.mode());
+            return fn(&rec, r.domain.c_str(), r.buffer.data());
+        });
+        c.family = "voice";
+        t.push_back(c);
+    }
+}
+
 void add_voice(std::vector<Call> &t, bool plain)
 {
-    (void)t;
-    (void)plain;
+    add_voice_calls<KX_VOICE_DEVICES_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_DEVICES_INFO_S{m, "Living Room & Kitchen", "1", "0", "appkey-rel", "mac-rel",
+                                       "[\"app-rel\"]", "[{\"id\":\"HDMI 1\"}]", "stat-rel", "brand-rel", "cap-rel",
+                                       "feat-rel", "ext-rel", "hsv-rel", "serial-rel", "client-rel", "product-rel",
+                                       "alexa", "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_REPLACE_VOICE_DEV_INFO", "/voiceservice/replacedevinfo", "/tmp/replacedevinfo.json",
+         KX_REPLACE_VOICE_DEV_INFO},
+        {"KX_REPORT_VOICE_DEVICES_INFO", "/voiceservice/reportdeviceinfo", "/tmp/reportdeviceinfo.json",
+         KX_REPORT_VOICE_DEVICES_INFO},
+        {"KX_GET_VOICE_DEVICES_INFO", "/voiceservice/getdeviceinfo", "/tmp/getdeviceinfo.json",
+         KX_GET_VOICE_DEVICES_INFO},
+    });
+    add_voice_calls<KX_VOICE_DEV_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_DEV_INFO_S{m, "Living Room & Kitchen", "1", "0", "appkey-rel", "mac-rel", "[\"app-rel\"]",
+                                   "stat-rel", "brand-rel", "cap-rel", "feat-rel", "ext-rel", nullptr, "alexa",
+                                   "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_PUSH_VOICE_DEV_INFO", "/voiceservice/reportdevinfo", "/tmp/pushdevinfo.json", KX_PUSH_VOICE_DEV_INFO},
+        {"KX_GET_VOICE_DEV_INFO", "/voiceservice/getdevinfo", "/tmp/getdevinfo.json", KX_GET_VOICE_DEV_INFO},
+        {"KX_DELETE_VOICE_DEV_INFO", "/voiceservice/deletedevinfo", "/tmp/deletedevinfo.json",
+         KX_DELETE_VOICE_DEV_INFO},
+    });
+    add_voice_calls<KX_VOICE_CFG_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_CFG_INFO_S{m, "appkey-rel", "stat-rel", "brand-rel", "alexa", nullptr, "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_GET_VOICE_CFG_INFO", "/voiceservice/get_deviceportal_url", "/tmp/getconfig.json", KX_GET_VOICE_CFG_INFO},
+    });
+    /* Enable and reset share their answer file; the table runs them one after the other. */
+    add_voice_calls<KX_VOICE_SKILL_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_SKILL_INFO_S{m, "lwa-rel", "stat-rel", "brand-rel", "ext-rel", "appkey-rel", "hsv-rel",
+                                     "feat-rel", "cap-rel", "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_ENABLE_VOICE_SKILL", "/voiceservice/enableskill", "/tmp/getSkill.json", KX_ENABLE_VOICE_SKILL},
+        {"KX_RESET_VOICE_SKILL", "/voiceservice/resetskillenablement", "/tmp/getSkill.json", KX_RESET_VOICE_SKILL},
+    });
+    add_voice_calls<KX_VOICE_DEV_STATE_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_DEV_STATE_S{m, "stat-rel", "brand-rel", "appkey-rel", "lwa-rel", "{\"power\":\"on\"}",
+                                    "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_REPORT_VOICE_DEV_STATE", "/voiceservice/reportstate", "/tmp/reportstate.json", KX_REPORT_VOICE_DEV_STATE},
+    });
+    add_voice_calls<KX_VOICE_TRAIT_STATE_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_TRAIT_STATE_S{m, "stat-rel", "brand-rel", "appkey-rel", "{\"power\":\"on\"}", "token-rel",
+                                      "7.0", 1, 1};
+    }, {
+        {"KX_REPORT_VOICE_TRAIT_STATE", "/voiceservice/reporttraitstate", "/tmp/reporttraitstate.json",
+         KX_REPORT_VOICE_TRAIT_STATE},
+    });
+    add_voice_calls<KX_VOICE_ACTION_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_ACTION_INFO_S{m, "appkey-rel", "brand-rel", "stat-rel", "cap-rel", "feat-rel", "token-rel",
+                                      "7.0", 1, 1};
+    }, {
+        {"KX_PUSH_ACTION_INFO", "/voiceservice/get_action_info", "/tmp/getactioninfo.json", KX_PUSH_ACTION_INFO},
+        {"KX_GET_SALES_INFO", "/voiceservice/get_sales_info", "/tmp/get_sales_info.json", KX_GET_SALES_INFO},
+    });
+    add_voice_calls<KX_VOICE_PHRASES_INFO_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_PHRASES_INFO_S{m, "appkey-rel", "brand-rel", "stat-rel", "cap-rel", "feat-rel", 2,
+                                       "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_PUSH_SIMPLE_PHRASES_INFO", "/voiceservice/get_sample_phrases", "/tmp/get_sample_phrases.json",
+         KX_PUSH_SIMPLE_PHRASES_INFO},
+    });
+    add_voice_calls<KX_VOICE_QUERY_S>(t, plain, [](uint32_t m) {
+        return KX_VOICE_QUERY_S{m, "appkey-rel", "stat-rel", "brand-rel", "0", 1, 2, "cap-rel", "feat-rel",
+                                "hsv-rel", "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_GET_ALEXA_LANGUAGE", "/voiceservice/get_alexa_language", "/tmp/getAlexaLan.json", KX_GET_ALEXA_LANGUAGE},
+        {"KX_GET_ALEXA_LOCAL", "/voiceservice/get_alexa_locale", "/tmp/getAlexaLocal.json", KX_GET_ALEXA_LOCAL},
+        {"KX_GET_ALEXA_ENDPOINT", "/voiceservice/get_alexa_endpoint_url", "/tmp/getAvsEndPoint.json",
+         KX_GET_ALEXA_ENDPOINT},
+        {"KX_GET_ALEXA_SALE_INFO", "/voiceservice/get_sales_support_info", "/tmp/getSalsSupportInfo.json",
+         KX_GET_ALEXA_SALE_INFO},
+        {"KX_GET_SKILL_INFO", "/voiceservice/get_skill_info", "/tmp/getSkillInfo.json", KX_GET_SKILL_INFO},
+        {"KX_GET_SAMPLE_UTTERANCE", "/voiceservice/get_sample_utterance", "/tmp/getSampleInfo.json",
+         KX_GET_SAMPLE_UTTERANCE},
+    });
+    /* The language query needs its stamp; the locale query runs without one, the time standing in. */
+    add_voice_calls<KX_GOOGLE_QUERY_S>(t, plain, [](uint32_t m) {
+        return KX_GOOGLE_QUERY_S{m, "appkey-rel", "brand-rel", "stat-rel", "cap-rel", "feat-rel", "0", "token-rel",
+                                 "7.0", 1, 1};
+    }, {
+        {"KX_GET_GOOGLE_LANGUAGE_INFO", "/voiceservice/get_google_language", "/tmp/get_google_language.json",
+         KX_GET_GOOGLE_LANGUAGE_INFO},
+    });
+    add_voice_calls<KX_GOOGLE_QUERY_S>(t, plain, [](uint32_t m) {
+        return KX_GOOGLE_QUERY_S{m, "appkey-rel", "brand-rel", "stat-rel", "cap-rel", "feat-rel", nullptr,
+                                 "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_GET_GOOGLE_LOCALE_INFO", "/voiceservice/get_google_locale", "/tmp/get_google_locale.json",
+         KX_GET_GOOGLE_LOCALE_INFO},
+    });
+    add_voice_calls<KX_WEB_PORTAL_QUERY_S>(t, plain, [](uint32_t m) {
+        return KX_WEB_PORTAL_QUERY_S{m, "brand-rel", "stat-rel", "de-DE", "token-rel", "7.0", 1, 1};
+    }, {
+        {"KX_GET_WEB_PORTAL_LANGUAGE_INFO", "/voiceservice/get_web_portal_language",
+         "/tmp/get_web_portal_language.json", KX_GET_WEB_PORTAL_LANGUAGE_INFO},
+        {"KX_GET_WEB_PORTAL_LOCALE_INFO", "/voiceservice/get_web_portal_locale", "/tmp/get_web_portal_locale.json",
+         KX_GET_WEB_PORTAL_LOCALE_INFO},
+    });
 }
 
 /* ---- log service, upgrade-event report ------------------------------------- */

@@ -29,9 +29,9 @@ jobs=${JOBS:-2}
 suite=bookworm
 mirror=${KX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 # The armhf -dev packages the build links against: the library's dependencies,
-# GoogleTest for the suites and cpp-httplib for the local cloud.
+# GoogleTest for the suites, cpp-httplib and wslay for the local cloud.
 root_packages=(libstdc++-12-dev libcurl4-openssl-dev libssl-dev zlib1g-dev libxml2-dev
-               libcjson-dev libwebsockets-dev libgtest-dev libcpp-httplib-dev)
+               libcjson-dev libwebsockets-dev libgtest-dev libcpp-httplib-dev libwslay-dev)
 
 build_only=0
 if [ "${1:-}" = "--build-only" ]; then build_only=1; shift; fi

@@ -15,7 +15,7 @@
 set -euo pipefail
 
 # The examples, in the order a device would run them.
-examples=(device_session log_session fetch_session push_session)
+examples=(device_session voice_session log_session fetch_session push_session)
 
 if [ "${1:-}" = "--session" ]; then
   # Runs inside the namespace: $2 = the cloud program, then the examples.

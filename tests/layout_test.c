@@ -132,6 +132,91 @@ static const struct field msg_info[] = {
 };
 #undef R
 
+/* ---- voice requests ---------------------------------------------------------- */
+#define R KX_VOICE_DEVICES_INFO_S
+static const struct field voice_devices_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8DeviceName, TEXT), F(ps8VSEnable, TEXT), F(ps8GSEnable, TEXT),
+    F(ps8AppIndex, TEXT), F(mac, TEXT), F(Applist, TEXT), F(pjsInputlist, TEXT),
+    F(ps8StateCode, TEXT), F(ps8BrandCode, TEXT), F(ps8CapabilityCode, TEXT), F(ps8FeatureCode, TEXT),
+    F(ps8ExtField, TEXT), F(ps8Hsv, TEXT), F(ps8DeviceSerialNumberAVS, TEXT), F(ps8ClientIdAVS, TEXT),
+    F(ps8ProductIdAVS, TEXT), F(ps8VSAbility, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_DEV_INFO_S
+static const struct field voice_dev_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8DeviceName, TEXT), F(ps8VSEnable, TEXT), F(ps8GSEnable, TEXT),
+    F(ps8AppIndex, TEXT), F(mac, TEXT), F(Applist, TEXT), F(ps8StateCode, TEXT),
+    F(ps8BrandCode, TEXT), F(ps8CapabilityCode, TEXT), F(ps8FeatureCode, TEXT), F(ps8ExtField, TEXT),
+    F(ps8Reserved, TEXT), F(ps8VSAbility, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_CFG_INFO_S
+static const struct field voice_cfg_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8AppIndex, TEXT), F(ps8StatCode, TEXT), F(ps8BrandCode, TEXT),
+    F(ps8VsType, TEXT), F(ps8Reserved, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_SKILL_INFO_S
+static const struct field voice_skill_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8lwaToken, TEXT), F(ps8StatCode, TEXT), F(ps8BrandCode, TEXT),
+    F(ps8ExtFiled, TEXT), F(ps8AppIndex, TEXT), F(ps8Hsv, TEXT), F(ps8FeatureCode, TEXT),
+    F(ps8CapabilityCode, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT), F(u32LanguageID, U32),
+    F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_DEV_STATE_S
+static const struct field voice_dev_state[] = {
+    F(u32ChangeToHttp, U32), F(ps8StateCode, TEXT), F(ps8BrandCode, TEXT), F(ps8AppIndex, TEXT),
+    F(ps8LwaToken, TEXT), F(ps8StateList, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_TRAIT_STATE_S
+static const struct field voice_trait_state[] = {
+    F(u32ChangeToHttp, U32), F(ps8StateCode, TEXT), F(ps8BrandCode, TEXT), F(ps8AppIndex, TEXT),
+    F(ps8StateList, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT), F(u32LanguageID, U32),
+    F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_ACTION_INFO_S
+static const struct field voice_action_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8AppIndex, TEXT), F(ps8BrandCode, TEXT), F(ps8StateCode, TEXT),
+    F(ps8CapabilityCode, TEXT), F(ps8FeatureCode, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_PHRASES_INFO_S
+static const struct field voice_phrases_info[] = {
+    F(u32ChangeToHttp, U32), F(ps8AppIndex, TEXT), F(ps8BrandCode, TEXT), F(ps8StateCode, TEXT),
+    F(ps8CapabilityCode, TEXT), F(ps8FeatureCode, TEXT), F(ps8Type, U32), F(psAccessToken, TEXT),
+    F(psVersion, TEXT), F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_VOICE_QUERY_S
+static const struct field voice_query[] = {
+    F(u32ChangeToHttp, U32), F(ps8AppIndex, TEXT), F(ps8StatCode, TEXT), F(ps8BrandCode, TEXT),
+    F(ps8UpdatetimeStamp, TEXT), F(u32Scope, U32), F(u32Type, U32), F(ps8CapabilityCode, TEXT),
+    F(ps8FeatureCode, TEXT), F(ps8Hsv, TEXT), F(psAccessToken, TEXT), F(psVersion, TEXT),
+    F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_GOOGLE_QUERY_S
+static const struct field google_query[] = {
+    F(u32ChangeToHttp, U32), F(ps8AppIndex, TEXT), F(ps8BrandCode, TEXT), F(ps8StateCode, TEXT),
+    F(ps8CapabilityCode, TEXT), F(ps8FeatureCode, TEXT), F(ps8UpdatetimeStamp, TEXT), F(psAccessToken, TEXT),
+    F(psVersion, TEXT), F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+#define R KX_WEB_PORTAL_QUERY_S
+static const struct field web_portal_query[] = {
+    F(u32ChangeToHttp, U32), F(ps8BrandCode, TEXT), F(ps8StateCode, TEXT), F(ps8DisplayLanguageId, TEXT),
+    F(psAccessToken, TEXT), F(psVersion, TEXT), F(u32LanguageID, U32), F(u32SourceType, U32),
+};
+#undef R
+
 /* ---- log service, upgrade-event report ------------------------------------------ */
 
 #define R KX_LOG_SERVICE_REQ_S
@@ -261,6 +346,17 @@ static const struct record records[] = {
     RECORD(KX_CODE_AUTH_URL_S, code_auth_url, 40),
     RECORD(KX_CUSTOMER_INFO_S, customer_info, 20),
     RECORD(KX_MSG_INFO_S, msg_info, 28),
+    RECORD(KX_VOICE_DEVICES_INFO_S, voice_devices_info, 88),
+    RECORD(KX_VOICE_DEV_INFO_S, voice_dev_info, 72),
+    RECORD(KX_VOICE_CFG_INFO_S, voice_cfg_info, 40),
+    RECORD(KX_VOICE_SKILL_INFO_S, voice_skill_info, 52),
+    RECORD(KX_VOICE_DEV_STATE_S, voice_dev_state, 40),
+    RECORD(KX_VOICE_TRAIT_STATE_S, voice_trait_state, 36),
+    RECORD(KX_VOICE_ACTION_INFO_S, voice_action_info, 40),
+    RECORD(KX_VOICE_PHRASES_INFO_S, voice_phrases_info, 44),
+    RECORD(KX_VOICE_QUERY_S, voice_query, 56),
+    RECORD(KX_GOOGLE_QUERY_S, google_query, 44),
+    RECORD(KX_WEB_PORTAL_QUERY_S, web_portal_query, 32),
     RECORD(KX_LOG_SERVICE_REQ_S, log_service_req, 20),
     RECORD(KX_LOG_SERVICE_LIST_S, log_service_list, 4104),
     RECORD(KX_LOG_POLICY_REQ_S, log_policy_req, 36),

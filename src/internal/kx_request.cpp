@@ -37,7 +37,151 @@ bool print_into(Buffer &out, std::size_t allocation, const char *fmt, std::va_li
     return true;
 }
 
+bool key_is(const char *key, std::size_t length, const char *name)
+{
+    return std::strncmp(key, name, length) == 0 && name[length] == '\0';
+}
+
+/* What a keyed template's key stands for: a field (its raw or its sent value)
+ * or one of the frame's own values. */
+struct KeyedSource {
+    const Fields &fields;
+    bool sent;
+    const char *random; /* null before stamp() */
+    const char *time;
+    const char *sign;   /* null while printing the signed text */
+
+    const char *value(const char *key, std::size_t length) const
+    {
+        if (const Field *field = fields.keyed(key, length))
+            return sent ? field->wire() : field->raw();
+        if (key_is(key, length, "randStr"))
+            return random;
+        if (key_is(key, length, "timeStamp"))
+            return time;
+        if (key_is(key, length, "sign"))
+            return sign;
+        return nullptr;
+    }
+};
+
+bool is_conversion(const char *p) { return p[0] == '%' && (p[1] == 's' || p[1] == 'd'); }
+
+/* Every value of the bracketed piece [begin, end) is present. The key of a
+ * conversion is the text between the last "&" (or the piece's start) and the
+ * "=" in front of it. */
+bool piece_present(const char *begin, const char *end, const KeyedSource &source)
+{
+    const char *key = begin;
+    for (const char *p = begin; p < end; ++p) {
+        if (*p == '&')
+            key = p + 1;
+        else if (is_conversion(p) && p > key && source.value(key, static_cast<std::size_t>(p - 1 - key)) == nullptr)
+            return false;
+    }
+    return true;
+}
+
+/* Fills a keyed template (see kx_request.h). Returns the text's length and
+ * writes it, with its NUL, into `out` when `out` is given. */
+std::size_t fill_keyed(const char *tmpl, const KeyedSource &source, char *out)
+{
+    std::size_t n = 0;
+    auto put = [&](const char *text, std::size_t length) {
+        if (out != nullptr)
+            std::memcpy(out + n, text, length);
+        n += length;
+    };
+    const char *key = tmpl;
+    for (const char *p = tmpl; *p != '\0';) {
+        if (*p == '[') {
+            const char *end = std::strchr(p, ']');
+            if (end == nullptr)
+                end = p + std::strlen(p);
+            if (!piece_present(p + 1, end, source)) {
+                p = *end == ']' ? end + 1 : end;
+                continue;
+            }
+            key = ++p;
+        } else if (*p == ']') {
+            key = ++p;
+        } else if (is_conversion(p) && p > key) {
+            const char *value = null_text(source.value(key, static_cast<std::size_t>(p - 1 - key)));
+            put(value, std::strlen(value));
+            p += 2;
+        } else {
+            if (*p == '&')
+                key = p + 1;
+            put(p++, 1);
+        }
+    }
+    if (out != nullptr)
+        out[n] = '\0';
+    return n;
+}
+
 }  // namespace
+
+Field Field::of_text(const char *name, const char *key, const char *text)
+{
+    Field field;
+    field.name = name;
+    field.key = key;
+    field.text = text;
+    field.sent = text;
+    return field;
+}
+
+Field Field::of_unsigned(const char *name, const char *key, uint32_t value)
+{
+    Field field;
+    field.name = name;
+    field.key = key;
+    field.kind = Kind::Number;
+    field.logged = static_cast<int32_t>(value);
+    std::snprintf(field.digits, sizeof field.digits, "%u", value);
+    return field;
+}
+
+Field Field::of_signed(const char *name, const char *key, uint32_t value)
+{
+    Field field = of_unsigned(name, key, value);
+    std::snprintf(field.digits, sizeof field.digits, "%d", field.logged);
+    return field;
+}
+
+Fields::Fields(std::initializer_list<Field> fields)
+{
+    /* A record has fewer fields than the capacity; more would be a mistake in
+     * the library itself, and are dropped rather than written past the array. */
+    for (const Field &field : fields) {
+        if (count_ < kCapacity)
+            items_[count_++] = field;
+    }
+}
+
+Field *Fields::named(const char *name, std::size_t length)
+{
+    for (std::size_t i = 0; i < count_; ++i) {
+        if (key_is(name, length, items_[i].name))
+            return &items_[i];
+    }
+    return nullptr;
+}
+
+const Field *Fields::named(const char *name, std::size_t length) const
+{
+    return const_cast<Fields *>(this)->named(name, length);
+}
+
+const Field *Fields::keyed(const char *key, std::size_t length) const
+{
+    for (std::size_t i = 0; i < count_; ++i) {
+        if (items_[i].key != nullptr && key_is(key, length, items_[i].key))
+            return &items_[i];
+    }
+    return nullptr;
+}
 
 bool initialised_for(const char *name)
 {
@@ -97,10 +241,46 @@ bool Request::encrypt_secret(const char *secret)
     return true;
 }
 
-void Request::stamp()
+void Request::take_time()
 {
     time_.format("%lld", static_cast<long long>(std::time(nullptr)));
+}
+
+void Request::stamp()
+{
+    take_time();
     KX_CREATE_RAND_STRING(reinterpret_cast<unsigned char *>(random_), 32);
+}
+
+bool Request::print_keyed(Buffer &out, const char *tmpl, const Fields &fields, bool body)
+{
+    const KeyedSource source{fields, body, random_[0] != '\0' ? random_ : nullptr,
+                             time_.length() != 0 ? time_.c_str() : nullptr, body ? signature_ : nullptr};
+    const std::size_t length = fill_keyed(tmpl, source, nullptr);
+    Buffer text(length + 1);
+    if (!text.ok()) {
+        KX_LOGE_AS(call_.name, "out of memory.\n");
+        return false;
+    }
+    fill_keyed(tmpl, source, text.get());
+    out = std::move(text);
+    return true;
+}
+
+bool Request::print_params_keyed(const char *tmpl, const Fields &fields)
+{
+    if (!print_keyed(params_, tmpl, fields, false))
+        return false;
+    params_length_ = std::strlen(params_.get());
+    return true;
+}
+
+bool Request::print_body_keyed(const char *tmpl, const Fields &fields)
+{
+    if (!print_keyed(body_, tmpl, fields, true))
+        return false;
+    body_allocation_ = std::strlen(body_.get()) + 1;
+    return true;
 }
 
 bool Request::print_params(std::size_t length, const char *fmt, ...)
@@ -177,10 +357,21 @@ bool Request::send()
 
     std::FILE **stream = call_.sink.stream;
     std::FILE *file = nullptr;
-    if (call_.sink.file_name != nullptr) {
-        file_.reset(std::fopen(call_.sink.file_name, "w+"));
+    const char *file_name = call_.sink.file_name;
+    if (call_.sink.after_path) {
+        FixedText<1024> path; /* a longer path is cut to 1023 characters */
+        path.format("%s", call_.path);
+        const char *slash = std::strrchr(path.c_str(), '/');
+        file_name_.format("/tmp/%s.json", slash != nullptr ? slash + 1 : path.c_str());
+        file_name = file_name_.c_str();
+    }
+    if (file_name != nullptr) {
+        file_.reset(std::fopen(file_name, "w+"));
         if (!file_) {
-            KX_LOGE_AS(call_.name, "%s", call_.sink.creation_failure);
+            if (call_.sink.after_path)
+                KX_LOGE_AS(call_.name, "failed to creat %s! \n", file_name);
+            else
+                KX_LOGE_AS(call_.name, "%s", call_.sink.creation_failure);
             return false;
         }
         file = file_.get();
