@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <cstdlib>
+#include <cstring>
 
 #include "internal/kx_init_check.h"
 
@@ -81,6 +82,22 @@ CurlShare *make_share()
     return share;
 }
 
+/* Replaces a spoiled share, if it is still the current one. */
+void retire(CurlShare *spoiled)
+{
+    CurlShare *fresh = make_share();
+    {
+        MutexLock lock(g_share_mutex);
+        if (g_current == spoiled) {
+            spoiled->retired = true;
+            g_current = fresh;
+            fresh = nullptr;
+        }
+    }
+    if (fresh != nullptr)
+        release(fresh);
+}
+
 }  // namespace
 
 void curl_share_start()
@@ -110,7 +127,7 @@ void curl_share_stop()
         release(idle);
 }
 
-CurlShareUse::CurlShareUse() : share_(nullptr)
+CurlShareUse::CurlShareUse() : share_(nullptr), errors_()
 {
     if (!KX_CURL_SHARE)
         return;
@@ -124,6 +141,8 @@ CurlShareUse::~CurlShareUse()
 {
     if (share_ == nullptr)
         return;
+    if (std::strstr(errors_, "failed to store ssl session") != nullptr)
+        retire(share_);
     bool last = false;
     {
         MutexLock lock(g_share_mutex);
@@ -133,10 +152,13 @@ CurlShareUse::~CurlShareUse()
         release(share_);
 }
 
-void CurlShareUse::attach(CURL *curl) const
+void CurlShareUse::attach(CURL *curl)
 {
-    if (share_ != nullptr)
-        (void)curl_easy_setopt(curl, CURLOPT_SHARE, share_->handle);
+    if (share_ == nullptr)
+        return;
+    (void)curl_easy_setopt(curl, CURLOPT_SHARE, share_->handle);
+    /* Only the first failure of a transfer is kept here. */
+    (void)curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errors_);
 }
 
 }  // namespace kx

@@ -27,6 +27,14 @@
  * call (the caller is to order them) does not pull the share from under it:
  * each call holds a reference, and the last one out releases a retired share.
  *
+ * libcurl 7.88 (up to 8.4 at least) spoils its session cache when an
+ * allocation fails while it stores a session: the slot keeps the address of
+ * the host name it has just freed, and the next session stored there frees
+ * it again. Per call, that cache died with the handle; shared, it would go off
+ * in a later call on any thread. So a call whose handle reports "failed to
+ * store ssl session" retires the share (released safely: libcurl skips empty
+ * slots then) and puts a fresh one in its place.
+ *
  * Sharing is a build option (KX_CURL_SHARE, default on). A share that cannot
  * be made (no memory) leaves the library initialised and the calls as they
  * are without sharing: a full handshake each.
@@ -56,10 +64,11 @@ public:
     /* Points the call's handle at the share. The option's result is not
      * counted with the call's others: a handle that cannot take the share
      * transfers without it. */
-    void attach(CURL *curl) const;
+    void attach(CURL *curl);
 
 private:
     CurlShare *share_;
+    char errors_[CURL_ERROR_SIZE];
 };
 
 }  // namespace kx
