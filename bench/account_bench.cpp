@@ -84,7 +84,8 @@ double percentile(std::vector<double> v, double p)
 
 int main(int argc, char **argv)
 {
-    const int rounds = argc > 1 ? std::atoi(argv[1]) : 400;
+    /* Arguments meant for the Google Benchmark programs are not a count. */
+    const int rounds = argc > 1 && argv[1][0] >= '0' && argv[1][0] <= '9' ? std::atoi(argv[1]) : 400;
     kxtest::log_enable(kxtest::kError, false);
     kxtest::log_enable(kxtest::kInfo, false);
     kxcloud::Options options;
