@@ -9,9 +9,9 @@
 #include <zlib.h>
 
 #include <cstdio>
-#include <map>
 #include <string>
 
+#include "cpu_ratio.h"
 #include "gz_reference.h"
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
@@ -96,37 +96,15 @@ void BM_ByteAtATimeWalk(benchmark::State &state)
 }
 BENCHMARK(BM_ByteAtATimeWalk);
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &run : runs)
-            cpu_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override
-    {
-        ConsoleReporter::Finalize();
-        double library = cpu_["BM_GzDecompress"], zlib = cpu_["BM_ZlibInflate"], walk = cpu_["BM_ByteAtATimeWalk"];
-        if (library > 0 && zlib > 0)
-            std::printf("KX_SDK_GZDECOMPRESS / one inflate over the buffer (CPU time) = %.2f; byte-at-a-time walk / "
-                        "inflate = %.1f (policy of %zu bytes, %zu compressed)\n",
-                        library / zlib, walk / zlib, policy().text.size(), policy().gz.size());
-    }
-
-private:
-    std::map<std::string, double> cpu_;
-};
-
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kxbench::run_with_ratio(argc, argv, [](kxbench::CpuTimes &cpu) {
+        double library = cpu["BM_GzDecompress"], zlib = cpu["BM_ZlibInflate"], walk = cpu["BM_ByteAtATimeWalk"];
+        if (library > 0 && zlib > 0)
+            std::printf("KX_SDK_GZDECOMPRESS / one inflate over the buffer (CPU time) = %.2f; byte-at-a-time walk / "
+                        "inflate = %.1f (policy of %zu bytes, %zu compressed)\n",
+                        library / zlib, walk / zlib, policy().text.size(), policy().gz.size());
+    });
 }
