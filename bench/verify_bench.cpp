@@ -13,9 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <string>
 
+#include "cpu_ratio.h"
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
 #include "test_crypto.h"
@@ -89,39 +89,14 @@ void BM_BareDecryptMd5Compare(benchmark::State &state)
 }
 BENCHMARK(BM_BareDecryptMd5Compare);
 
-// Prints the ratio of the two after the usual table.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &run : runs)
-            times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-    // CPU time: on a shared machine wall time says little.
-    void Finalize() override
-    {
-        ConsoleReporter::Finalize();
-        double verify = times_["BM_JsonVerifyHeap"];
-        double bare = times_["BM_BareDecryptMd5Compare"];
-        if (verify > 0 && bare > 0)
-            std::printf("KX_SDK_JSON_VERIFY_HEAP / bare decrypt+MD5+compare (CPU time) = %.2f (answer of %u bytes)\n",
-                        verify / bare, fixture().record->used);
-    }
-
-private:
-    std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kxbench::run_with_ratio(argc, argv, [](kxbench::CpuTimes &cpu) {
+        double verify = cpu["BM_JsonVerifyHeap"], bare = cpu["BM_BareDecryptMd5Compare"];
+        if (verify > 0 && bare > 0)
+            std::printf("KX_SDK_JSON_VERIFY_HEAP / bare decrypt+MD5+compare (CPU time) = %.2f (answer of %u bytes)\n",
+                        verify / bare, fixture().record->used);
+    });
 }

@@ -16,6 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kxfuzz {
 
@@ -32,6 +35,11 @@ inline Bytes text_of(const uint8_t *data, size_t size)
     b.get()[size] = '\0';
     return b;
 }
+
+/* Keep the library's log lines (class: true for error, and the formatted
+ * line) until taken; off by default, when every line is dropped. */
+void keep_log(bool on);
+std::vector<std::pair<bool, std::string>> take_log();
 
 /* A zeroed buffer of exactly n bytes (at least 1). */
 inline Bytes zeroed(size_t n) { return Bytes(static_cast<char *>(std::calloc(n ? n : 1, 1))); }

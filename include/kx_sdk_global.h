@@ -34,7 +34,11 @@ KX_API extern void *lwsclient;
  * Brings the library up: logs the version "2.00.4.0.0", initialises libcurl
  * for the whole process (CURL_GLOBAL_ALL), stores psDNS as the service domain
  * (a host name without scheme or path) and loads the server's public key into
- * gpKey. psDNS stays the caller's.
+ * gpKey. psDNS stays the caller's. Until KX_GLOBAL_DEINIT the transfers keep
+ * TLS sessions and DNS answers in one share, so that calls after the first to
+ * a host resume its TLS session (each on its own connection); a build with
+ * KX_CURL_SHARE=OFF, or a share that cannot be allocated, leaves every call a
+ * full handshake.
  *
  * Only the first 64 characters of psDNS are considered: a domain of 65 or
  * more characters is stored as the empty string (URLs built from it have no
@@ -48,8 +52,9 @@ KX_API extern void *lwsclient;
 KX_API int32_t KX_GLOBAL_INIT(const char *psDNS);
 
 /*
- * Takes the library down: cleans libcurl up, clears bGlobalInited and then
- * releases gpKey. Nothing counts initialisations: one call ends the
+ * Takes the library down: releases the share of TLS sessions and DNS answers
+ * (a call still running keeps it until it ends), cleans libcurl up, clears
+ * bGlobalInited and then releases gpKey. Nothing counts initialisations: one call ends the
  * initialised state. Without a prior initialisation it does nothing. The
  * stored domain is kept. Must not overlap a running request call. Always
  * returns 0.

@@ -6,9 +6,12 @@
  * libcurl "easy" transfer made by one of the request members below: each
  * member creates its own handle, sets its fixed options, performs on the
  * caller's thread, releases everything it created and returns 0 (libcurl
- * reported success) or -1. Nothing outlives a call; there is no connection
- * reuse between calls. The answer is never examined here: judging it is the
- * caller's business.
+ * reported success) or -1. No handle or connection outlives a call; there is
+ * no connection reuse between calls. While the library is initialised the
+ * members, the download and the length probe keep TLS sessions and DNS answers
+ * in the library's share (see KX_GLOBAL_INIT), so a later secure call to the
+ * same host resumes an earlier call's session on its own new connection. The
+ * answer is never examined here: judging it is the caller's business.
  *
  * Common rules of the request members:
  *  - An HTTP status of 400 or more fails the transfer (-1).

@@ -227,6 +227,7 @@ public:
     }
 
     const std::string &seen() const { return seen_; }
+    bool resumed() const { return ssl_ != nullptr && SSL_session_reused(ssl_) == 1; }
 
     bool answered = false; /* the cloud's answer is on the wire */
     bool dropped = false;  /* the answer was cut off on purpose: hang up without a goodbye */
@@ -459,6 +460,7 @@ Request Cloud::State::parse(const Wire &wire, const httplib::Request &hreq, cons
 {
     Request req;
     req.tls = tls;
+    req.resumed = wire.resumed();
     req.method = hreq.method;
     req.body = body;
     const std::string &raw = wire.seen();
@@ -685,7 +687,11 @@ Cloud::Cloud(Options options) : state_(new State)
         auto server = std::make_unique<Listener<httplib::SSLServer>>(s, (base + ".pem").c_str(),
                                                                      (base + ".key").c_str());
         if (server->is_valid()) {
-            int port = server->bind_to_any_port("127.0.0.1");
+            int port = s.options.https_port;
+            if (port == 0)
+                port = server->bind_to_any_port("127.0.0.1");
+            else if (!server->bind_to_port("127.0.0.1", port))
+                port = 0;
             if (port > 0) {
                 s.https_port = port;
                 s.https = std::move(server);

@@ -21,7 +21,8 @@
  *    discards what httplib would have written after it.
  *
  * Every connection carries one request ("Connection: close"); each library
- * call uses a fresh handle anyway. Delays and stalls sleep in small steps and
+ * call uses a fresh handle anyway. TLS sessions may be resumed (the listener
+ * issues session tickets); each request records whether its handshake did. Delays and stalls sleep in small steps and
  * end as soon as the Cloud is being destroyed, so no test waits on a stalled
  * answer, and no thread or listener outlives its Cloud.
  *
@@ -44,6 +45,7 @@ namespace kxcloud {
 /* One recorded request, exactly as received. */
 struct Request {
     bool tls = false;    /* arrived on the HTTPS listener */
+    bool resumed = false; /* its TLS handshake resumed an earlier session */
     std::string method;  /* "GET", "POST", "HEAD" */
     std::string path;    /* "/aaa/sign_in" (no query, not decoded) */
     std::string query;   /* raw query text after '?', not decoded ("" if none) */
@@ -90,6 +92,7 @@ using Handler = std::function<Reply(const Request &)>;
 struct Options {
     bool https = true;           /* TLS listener on an ephemeral 127.0.0.1 port */
     bool http80 = true;          /* plain listener on 127.0.0.1:80 (needs the netns / root) */
+    int https_port = 0;          /* 0: an ephemeral port; else this one (a server on the same address) */
     std::string cert = "server"; /* "server" (issued by the embedded CA) or "other_server" */
 };
 

@@ -44,6 +44,10 @@ long live_blocks();
 std::size_t live_bytes();
 /* The table of tracked blocks overflowed (live counts are then unreliable). */
 bool tracking_overflowed();
+/* Whether a planned failure that falls on a known fault of a dependency
+ * moves on to the next allocation (on by default; see alloc_interposer.cpp). */
+void defer_known_faults(bool on);
+
 /* Record the call chain of every tracked block (slow; KX_REL_BACKTRACE=1
  * turns it on for the whole run). */
 void set_backtraces(bool on);

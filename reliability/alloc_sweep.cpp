@@ -222,6 +222,56 @@ TEST(Sweep, CallsLeftOutSayWhy)
     }
 }
 
+/* A TLS session whose storing runs out of memory leaves libcurl's session
+ * cache spoiled (see alloc_interposer.cpp): the library must not hand that
+ * cache to a later call. Each allocation of a resumed call's ticket store is
+ * failed in turn, undeferred, and two clean calls follow; a spoiled share
+ * would crash the second. */
+TEST(Sweep, AFailedSessionStoreSpoilsNoLaterCall)
+{
+    if (!kxrel::interposer_active())
+        GTEST_SKIP() << "the allocator is a sanitizer's in this build";
+    if (!KX_TEST_CURL_SHARE)
+        GTEST_SKIP() << "built without the share of TLS sessions";
+    kxrel::ensure_initialised();
+    kxcloud::Cloud &cloud = kxrel::cloud();
+    cloud.reply("GET", "/sweep/session", kxcloud::Reply{200, "stored"});
+    const std::string url = "https://" + cloud.https_domain() + "/sweep/session";
+    auto call = [&url](long fail_at) {
+        KX_SDK_DATA_BUF_S record{};
+        kxrel::arm(fail_at);
+        int32_t result = KX_SDK_HTTPS_GET_EXTERNAL(url.c_str(), &record, nullptr, 0);
+        kxrel::disarm();
+        return result == 0 && std::string(record.data, record.used) == "stored";
+    };
+    ASSERT_TRUE(call(0)); /* a session to resume */
+    ASSERT_TRUE(call(0));
+    const long count = kxrel::disarm();
+    /* The store's allocations: those a deferring run moves on from. */
+    std::vector<long> store;
+    for (long n = std::max(1L, count - 120); n <= count; ++n) {
+        snprintf(g_current, sizeof g_current, "session store search, allocation %ld", n);
+        kxrel::arm(n);
+        KX_SDK_DATA_BUF_S record{};
+        KX_SDK_HTTPS_GET_EXTERNAL(url.c_str(), &record, nullptr, 0);
+        if (kxrel::failures_deferred() > 0)
+            store.push_back(n);
+        kxrel::disarm();
+    }
+    ASSERT_FALSE(store.empty()) << "no allocation of a session store found in the last 120 of " << count;
+    kxrel::defer_known_faults(false);
+    for (long n : store) {
+        snprintf(g_current, sizeof g_current, "session store with allocation %ld failing, then clean calls", n);
+        call(n); /* the transfer itself may succeed */
+        kxrel::defer_known_faults(true);
+        EXPECT_TRUE(call(0)) << n;
+        EXPECT_TRUE(call(0)) << n;
+        kxrel::defer_known_faults(false);
+    }
+    kxrel::defer_known_faults(true);
+    printf("sweep session store: %zu allocations failed undeferred, each followed by clean calls\n", store.size());
+}
+
 /* The library is built without exceptions; a throwing operator new inside it
  * would abort the host process on the first failed allocation instead of
  * returning the call's failure. */

@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
+#include <string>
 #include <thread>
 
 #include "calls.h"
@@ -108,6 +110,48 @@ TEST(Threads, SignedCallsSucceedSideBySide)
     for (size_t i = 0; i < calls.size(); ++i)
         EXPECT_EQ(problems[i], "") << calls[i]->name;
     EXPECT_STREQ(KX_SDK_GET_DOMAIN(), "127.0.0.1") << "a second initialisation changed the domain";
+}
+
+/* Many calls to one server at once: they take TLS sessions from the share
+ * and put new ones in while the others read it, under libcurl's locks. */
+TEST(Threads, CallsShareTlsSessionsSideBySide)
+{
+    kxrel::ensure_initialised();
+    kxcloud::Cloud &cloud = kxrel::cloud();
+    const std::string path = "/threads/session";
+    cloud.reply("GET", path, kxcloud::Reply{200, "shared"});
+    const std::string url = "https://" + cloud.https_domain() + path;
+    const int n = 8, rounds = 6;
+    StartLine start(n);
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back([&] {
+            start.arrive();
+            for (int round = 0; round < rounds; ++round) {
+                std::unique_ptr<KX_SDK_DATA_BUF_S> record(new KX_SDK_DATA_BUF_S());
+                if (KX_SDK_HTTPS_GET_EXTERNAL(url.c_str(), record.get(), nullptr, 0) == 0 &&
+                    std::string(record->data, record->used) == "shared")
+                    ++good;
+            }
+        });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_EQ(good.load(), n * rounds);
+    int seen = 0, resumed = 0;
+    for (const kxcloud::Request &r : cloud.requests()) {
+        if (r.path != path)
+            continue;
+        ++seen;
+        resumed += r.resumed ? 1 : 0;
+    }
+    EXPECT_EQ(seen, n * rounds);
+    /* At most each thread's first call can miss a session (they start at
+     * once); every later one resumes. */
+    if (KX_TEST_CURL_SHARE)
+        EXPECT_GE(resumed, n * (rounds - 1));
+    else
+        EXPECT_EQ(resumed, 0);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include "internal/kx_curl_share.h"
 #include "internal/kx_log.h"
 #include "internal/kx_owned.h"
 #include "internal/kx_secrets.h"
@@ -24,11 +25,13 @@ int64_t KX_SDK_GetDownloadFileLenth(const char *ps8Url)
         KX_LOGE("invalid arg!\n");
         return 0;
     }
+    kx::CurlShareUse share; /* outlives the handle */
     EasyHandle curl(curl_easy_init());
     if (!curl) {
         KX_LOGE("Failed to call curl_easy_init.");
         return 1;
     }
+    share.attach(curl.get());
 
     /* A HEAD request with libcurl's defaults for everything else. The length
      * stays -1 unless the server states one. */
@@ -77,6 +80,7 @@ int32_t KX_SDK_DownloadFileByCurl_Mark(const char *ps8Url, FILE *pStream, int32_
     }
     /* From here on the stream is the call's: synced and closed on every path. */
     kx::FilePtr stream(pStream);
+    kx::CurlShareUse share; /* outlives the handle */
     CURL *handle = curl_easy_init();
     if (handle == nullptr) {
         KX_LOGE("Failed to call curl_easy_init.");
@@ -88,6 +92,7 @@ int32_t KX_SDK_DownloadFileByCurl_Mark(const char *ps8Url, FILE *pStream, int32_
     {
         EasyHandle curl(handle);
         CURL *c = curl.get();
+        share.attach(c);
         result |= curl_easy_setopt(c, CURLOPT_URL, ps8Url);
         if (mark >= 0) {
             result |= curl_easy_setopt(c, CURLOPT_SOCKOPTFUNCTION, sockopt_callback);

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "internal/kx_curl_share.h"
 #include "internal/kx_format.h"
 #include "internal/kx_log.h"
 #include "internal/kx_secrets.h"
@@ -414,6 +415,8 @@ int32_t perform(const Member &m, Transfer t)
         KX_LOGE_AS(m.name, "invalid arg!\n");
         return -1;
     }
+    /* Declared before the handle: the handle is released first. */
+    kx::CurlShareUse share;
     CURL *curl = curl_easy_init();
     if (curl == nullptr) {
         KX_LOGE_AS(m.name, "Failed to call curl_easy_init.");
@@ -422,6 +425,7 @@ int32_t perform(const Member &m, Transfer t)
     const bool with_list = m.headers != Headers::NoList;
     HandleOwner handle(curl, with_list);
     ListOwner list(with_list);
+    share.attach(curl);
 
     if (m.post && m.logs_body) {
         /* The body need not be NUL-terminated: print at most its length. */

@@ -6,6 +6,7 @@
 #include <curl/curl.h>
 #include <libxml/parser.h>
 
+#include "internal/kx_curl_share.h"
 #include "internal/kx_init_check.h"
 #include "internal/kx_log.h"
 #include "kx_sdk_global.h"
@@ -68,6 +69,10 @@ int32_t KX_GLOBAL_INIT(const char *psDNS)
         return -1;
     }
 
+    /* TLS sessions and DNS answers are kept for the calls from here to
+     * KX_GLOBAL_DEINIT (see internal/kx_curl_share.h). */
+    kx::curl_share_start();
+
     /* libxml2 sets itself up lazily on the first parse, which is not safe when
      * two threads parse their first answers at once: do it here, once. */
     xmlInitParser();
@@ -88,6 +93,8 @@ int32_t KX_GLOBAL_DEINIT(void)
         if (bGlobalInited == 0)
             return 0;
         KX_LOGI("KX_GLOBAL_DEINIT, bGlobalInited\n");
+        /* The share holds TLS sessions: released while libcurl is still up. */
+        kx::curl_share_stop();
         curl_global_cleanup();
         bGlobalInited = 0;
     }

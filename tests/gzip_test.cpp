@@ -3,11 +3,16 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "kx_cloud_openapi.h"
+#include "gz_reference.h"
 #include "log_capture.h"
 
 namespace {
@@ -118,5 +123,232 @@ TEST(Gzip, DecompressorRefusesOtherData)
     EXPECT_TRUE(kxtest::log_contains("KX_SDK_GZDECOMPRESS(): inflate "));
     EXPECT_TRUE(kxtest::log_contains(" error: " + std::to_string(result) + "\n"));
 }
+
+// ---- the decompressor against the byte-at-a-time walk ------------------------
+
+namespace walk {
+
+using kxtest::GzOutcome;
+
+std::vector<kxtest::RawLine> library_lines()
+{
+    std::vector<kxtest::RawLine> lines;
+    for (const kxtest::LogLine &line : kxtest::log_lines())
+        if (line.text.find("KX_SDK_GZDECOMPRESS(): ") != std::string::npos)
+            lines.push_back({line.level == kxtest::kError, line.text});
+    kxtest::clear_log();
+    return lines;
+}
+
+// zlib's own deflate with the given framing (31 gzip, 15 zlib, -15 raw).
+std::string deflated(const std::string &text, int level = Z_DEFAULT_COMPRESSION, int bits = 31,
+                     int strategy = Z_DEFAULT_STRATEGY, size_t flush_every = 0, gz_header *header = nullptr)
+{
+    z_stream z{};
+    deflateInit2(&z, level, Z_DEFLATED, bits, 8, strategy);
+    if (header != nullptr)
+        deflateSetHeader(&z, header);
+    std::string out(deflateBound(&z, text.size()) + 64 + text.size() / 8, '\0');
+    z.next_out = reinterpret_cast<Bytef *>(&out[0]);
+    z.avail_out = static_cast<uInt>(out.size());
+    size_t step = flush_every ? flush_every : text.size();
+    for (size_t at = 0; at < text.size(); at += step) {
+        size_t n = std::min(step, text.size() - at);
+        z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(text.data() + at));
+        z.avail_in = static_cast<uInt>(n);
+        deflate(&z, at + n < text.size() ? Z_SYNC_FLUSH : Z_FINISH);
+    }
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    return out;
+}
+
+std::string policy_text(size_t size)
+{
+    std::string text = "{\"resultCode\":0,\"strategies\":[";
+    for (unsigned i = 0; text.size() < size; ++i)
+        text += "{\"module\":\"svc" + std::to_string(i % 97) + "\",\"level\":" + std::to_string(i % 5) +
+                ",\"upload\":" + std::to_string((i * 7919) % 3600) + ",\"keys\":[\"boot\",\"net" +
+                std::to_string(i % 13) + "\"]},";
+    text.resize(size - 2);
+    return text + "]}";
+}
+
+// Bytes in 0..143 with few repeats: with fixed codes every one is a literal
+// of exactly eight bits, so input and output bytes alternate one for one.
+std::string eight_bit_literals(size_t n)
+{
+    std::string text;
+    uint32_t x = 12345;
+    for (size_t i = 0; i < n; ++i) {
+        x = x * 1103515245u + 12345u;
+        text.push_back(static_cast<char>((x >> 16) % 144));
+    }
+    return text;
+}
+
+// A gzip stream of one block with fixed codes, written bit by bit: the given
+// literals (each below 144: an eight-bit code), then either the end of the
+// block and the trailer, or the invalid length code 286 where a stream that
+// alternates one for one breaks off.
+std::string fixed_codes(const std::string &literals, bool invalid_end)
+{
+    std::string out("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10);
+    uint32_t hold = 0, bits = 0;
+    auto put = [&](uint32_t value, uint32_t n) { // LSB first
+        hold |= value << bits;
+        for (bits += n; bits >= 8; bits -= 8, hold >>= 8)
+            out.push_back(static_cast<char>(hold & 0xFF));
+    };
+    auto code = [&](uint32_t value, uint32_t n) { // Huffman codes go MSB first
+        for (uint32_t i = n; i-- > 0;)
+            put((value >> i) & 1, 1);
+    };
+    put(1, 1); // last block
+    put(1, 2); // fixed codes
+    for (char c : literals)
+        code(0x30 + static_cast<unsigned char>(c), 8);
+    if (invalid_end) {
+        code(0xC6, 8); // 286
+        put(0, 7);
+        return out;
+    }
+    code(0, 7); // end of block
+    put(0, 7);
+    uint32_t crc = static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(literals.data()),
+                                               static_cast<uInt>(literals.size())));
+    for (uint32_t v : {crc, static_cast<uint32_t>(literals.size())})
+        for (int i = 0; i < 4; ++i)
+            out.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    return out;
+}
+
+std::string flipped(std::string bytes, size_t at, unsigned char bit)
+{
+    bytes[at] = static_cast<char>(bytes[at] ^ bit);
+    return bytes;
+}
+
+struct Stream {
+    const char *name;
+    std::string bytes;
+};
+
+std::vector<Stream> streams()
+{
+    const std::string text = sample_log().substr(0, 1200);
+    const std::string gz = deflated(text);
+    static char name[] = "policy.json", extra[] = "xx", comment[] = "kept";
+    gz_header header{};
+    header.name = reinterpret_cast<Bytef *>(name);
+    header.extra = reinterpret_cast<Bytef *>(extra);
+    header.extra_len = 2;
+    header.comment = reinterpret_cast<Bytef *>(comment);
+    header.hcrc = 1;
+    return {
+        {"complete", gz},
+        {"trailing garbage", gz + "garbage after the stream"},
+        {"two members", gz + deflated("second member")},
+        {"header fields", deflated(text, 6, 31, Z_DEFAULT_STRATEGY, 0, &header)},
+        {"stored blocks", deflated(text.substr(0, 700), 0)},
+        {"flushed blocks", deflated(text, 6, 31, Z_DEFAULT_STRATEGY, 150)},
+        {"eight-bit literals", deflated(eight_bit_literals(1300), 1, 31, Z_FIXED)},
+        {"alternating to the end", fixed_codes(eight_bit_literals(400), false)},
+        {"alternating to an invalid code", fixed_codes(eight_bit_literals(400), true)},
+        {"bad check", flipped(gz, gz.size() - 6, 0x10)},
+        {"bad length", flipped(gz, gz.size() - 2, 0x01)},
+        {"corrupt middle", flipped(gz, gz.size() / 2, 0x42)},
+        {"corrupt codes", flipped(gz, 40, 0xFF)},
+        {"zlib framing", deflated(text, 6, 15)},
+        {"raw deflate", deflated(text, 6, -15)},
+        {"not compressed", text},
+    };
+}
+
+// Content length of a stream: what the walk gives with room to spare.
+uint32_t content(const std::string &bytes)
+{
+    return kxtest::gz_reference(bytes, 1 << 16).outlen;
+}
+
+void expect_same(const std::string &what, const std::string &in, uint32_t capacity, int *mismatches)
+{
+    if (*mismatches > 3)
+        return;  // the first few say enough
+    GzOutcome library = kxtest::gz_library(in, capacity, '#', library_lines);
+    GzOutcome reference = kxtest::gz_reference(in, capacity, '#');
+    if (!(library == reference)) {
+        ++*mismatches;
+        ADD_FAILURE() << what << ", " << in.size() << " bytes in, capacity " << capacity << "\n  library: "
+                      << kxtest::describe(library) << "\n  walk:    " << kxtest::describe(reference)
+                      << (library.out == reference.out ? "" : "\n  out differs");
+    }
+}
+
+TEST(GzipWalk, EveryCapacityGivesTheWalksResult)
+{
+    for (const Stream &s : streams()) {
+        int mismatches = 0;
+        const uint32_t full = content(s.bytes);
+        // Every capacity up to 300 and near the content's end, every fifth between.
+        for (uint32_t capacity = 0; capacity <= full + 2; capacity += capacity < 300 || capacity + 8 > full ? 1 : 5)
+            expect_same(s.name, s.bytes, capacity, &mismatches);
+    }
+}
+
+TEST(GzipWalk, EveryCutOfTheInputGivesTheWalksResult)
+{
+    for (const Stream &s : streams()) {
+        int mismatches = 0;
+        const uint32_t full = content(s.bytes);
+        for (size_t cut = 0; cut <= s.bytes.size(); ++cut) {
+            expect_same(s.name, s.bytes.substr(0, cut), full + 8, &mismatches);
+            expect_same(s.name, s.bytes.substr(0, cut), full, &mismatches);
+        }
+        // Both limits near each other.
+        for (size_t cut = 0; cut <= s.bytes.size(); cut += 29)
+            for (uint32_t capacity = 0; capacity <= full; capacity += 31)
+                expect_same(s.name, s.bytes.substr(0, cut), capacity, &mismatches);
+    }
+}
+
+TEST(GzipWalk, ALargePolicyAtItsEdges)
+{
+    const std::string text = policy_text(256 * 1024);
+    const std::string gz = deflated(text);
+    int mismatches = 0;
+    for (uint32_t capacity : {0u, 1u, 65u, 66u, 67u, 130u, 4096u, 100000u, 262143u, 262144u, 262145u, 300000u})
+        expect_same("policy", gz, capacity, &mismatches);
+    for (size_t cut : {size_t(66), size_t(67), size_t(200), gz.size() / 2, gz.size() - 9, gz.size() - 8,
+                       gz.size() - 1})
+        for (uint32_t capacity : {262144u, 131072u})
+            expect_same("policy cut", gz.substr(0, cut), capacity, &mismatches);
+    // And the whole policy comes back.
+    std::string out(text.size(), '\0');
+    uint32_t len = static_cast<uint32_t>(out.size());
+    kxtest::clear_log();
+    ASSERT_EQ(0, KX_SDK_GZDECOMPRESS(gz.data(), static_cast<uint32_t>(gz.size()), &out[0], &len));
+    EXPECT_EQ(text.size(), len);
+    EXPECT_TRUE(out == text);
+}
+
+// The inputs the fuzzer keeps (two bytes of capacity, then the stream).
+TEST(GzipWalk, KeptFuzzInputsGiveTheWalksResult)
+{
+    const std::string dir = std::string(KX_TEST_SOURCE_DIR) + "/fuzz/corpus/gzdecompress_fuzz";
+    int files = 0, mismatches = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(dir)) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (data.size() < 2)
+            continue;
+        ++files;
+        uint32_t capacity = static_cast<unsigned char>(data[0]) | static_cast<unsigned char>(data[1]) << 8;
+        expect_same(entry.path().filename().string(), data.substr(2), capacity, &mismatches);
+    }
+    EXPECT_GE(files, 10);
+}
+
+}  // namespace walk
 
 }  // namespace

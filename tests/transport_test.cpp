@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kx_cloud_openapi.h"
@@ -54,6 +55,13 @@ struct Call {
     int32_t hn() const { return static_cast<int32_t>(headers.size()); }
     const KX_SDK_HTTP_HEADER_S *h() const { return headers.empty() ? nullptr : headers.data(); }
 };
+
+size_t to_stream(char *ptr, size_t size, size_t nmemb, void *stream)
+{
+    return fwrite(ptr, size, nmemb, static_cast<FILE *>(stream));
+}
+
+int no_progress(void *, double, double, double, double) { return 0; }
 
 enum Sink { kFile, kData, kLarge };
 
@@ -123,6 +131,10 @@ std::string received(const Member &m, Call &c)
 
 class Transport : public ::testing::Test {
 protected:
+    /* The members run as the request calls run them: with the library
+     * initialised, so through its TLS session share. */
+    static void SetUpTestSuite() { ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1")); }
+    static void TearDownTestSuite() { KX_GLOBAL_DEINIT(); }
     Cloud &cloud = Cloud::shared();
     void SetUp() override
     {
@@ -294,6 +306,111 @@ TEST_F(Transport, TotalLimitEndsATricklingAnswer)
     Call back;
     EXPECT_EQ(0, run(member("KX_SDK_HTTP_GET_BACK"), back, "/slow"));
     EXPECT_EQ("tri", file_text(back.stream));
+}
+
+/* ---- TLS sessions kept between calls ---- */
+
+kxcloud::Options tls_only(const char *cert = "server", int port = 0)
+{
+    kxcloud::Options options;
+    options.http80 = false;
+    options.cert = cert;
+    options.https_port = port;
+    return options;
+}
+
+/* Whether each TLS request the cloud saw resumed a session, in order. */
+std::vector<bool> resumed(const Cloud &cloud)
+{
+    std::vector<bool> out;
+    for (const kxcloud::Request &r : cloud.requests())
+        out.push_back(r.resumed);
+    return out;
+}
+
+TEST_F(Transport, LaterCallsToAServerResumeTheFirstCallsSession)
+{
+    const bool share = KX_TEST_CURL_SHARE;
+    Cloud fresh(tls_only()); /* no session of it exists yet */
+    fresh.reply("*", "/s", Reply{200, "kept"});
+    for (const char *name : {"KX_SDK_HTTPS_POST", "KX_SDK_HTTPS_POST", "KX_SDK_HTTPS_GET_EXTERNAL",
+                             "KX_SDK_HTTPS_POST_EX", "KX_SDK_HTTPS_GET_EXTERNAL_MARK1"}) {
+        Call c;
+        c.url = "https://" + fresh.https_domain() + "/s";
+        EXPECT_EQ(0, member(name).call(c)) << name;
+        EXPECT_EQ("kept", received(member(name), c)) << name;
+    }
+    FILE *image = tmpfile();
+    std::string url = "https://" + fresh.https_domain() + "/s";
+    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(url.c_str(), image, 0, to_stream, no_progress)); /* closes it */
+    /* A full handshake first, then every member (and the download) resumes:
+     * the connection itself is new each time. */
+    EXPECT_EQ((std::vector<bool>{false, share, share, share, share, share}), resumed(fresh));
+
+    /* Without the library initialised there is no share: each call is on
+     * its own, as before KX_GLOBAL_INIT and after KX_GLOBAL_DEINIT. */
+    KX_GLOBAL_DEINIT();
+    fresh.reset();
+    fresh.reply("*", "/s", Reply{200, "kept"});
+    for (int i = 0; i < 2; ++i) {
+        Call c;
+        c.url = url;
+        EXPECT_EQ(0, member("KX_SDK_HTTPS_POST").call(c));
+    }
+    ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1"));
+    EXPECT_EQ((std::vector<bool>{false, false}), resumed(fresh));
+}
+
+TEST_F(Transport, AnotherServerOnTheSameAddressIsCheckedInFull)
+{
+    int port = 0;
+    {
+        Cloud first(tls_only());
+        first.reply("*", "/t", Reply{});
+        port = first.https_port();
+        Call c;
+        c.url = "https://" + first.https_domain() + "/t";
+        ASSERT_EQ(0, member("KX_SDK_HTTPS_POST").call(c)); /* its session is kept */
+    }
+    /* Whoever answers there next cannot take up that session: its
+     * certificate is checked as on a first call. */
+    struct Case { const char *cert; int32_t result; };
+    for (Case k : {Case{"elsewhere_server", -1}, Case{"other_server", -1}, Case{"server", 0}}) {
+        SCOPED_TRACE(k.cert);
+        Cloud next(tls_only(k.cert, port));
+        ASSERT_EQ(port, next.https_port());
+        next.reply("*", "/t", Reply{});
+        kxtest::clear_log();
+        for (const char *name : {"KX_SDK_HTTPS_POST", "KX_SDK_HTTPS_GET_EXTERNAL"}) {
+            Call c;
+            c.url = "https://" + next.https_domain() + "/t";
+            EXPECT_EQ(k.result, member(name).call(c)) << name;
+        }
+        if (k.result != 0) {
+            EXPECT_TRUE(next.requests().empty());
+            EXPECT_EQ(2, kxtest::log_count("Failed to call curl_easy_perform, error code is 60.\n", kxtest::kError));
+        } else {
+            /* A server of the right name and CA, but new: a full handshake. */
+            EXPECT_EQ((std::vector<bool>{false, KX_TEST_CURL_SHARE}), resumed(next));
+        }
+    }
+}
+
+TEST_F(Transport, ADeinitialisationDuringACallLeavesTheCallItsShare)
+{
+    Reply slow{200, "late"};
+    slow.delay_ms = 600;
+    cloud.reply("POST", "/late", slow);
+    Call c;
+    int32_t result = -2;
+    std::thread call([&] { result = run(member("KX_SDK_HTTPS_POST"), c, "/late"); });
+    for (int i = 0; i < 500 && cloud.requests().empty(); ++i)
+        usleep(2000);
+    KX_GLOBAL_DEINIT(); /* the caller should not, but the call must survive it */
+    call.join();
+    ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1"));
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("late", file_text(c.stream));
 }
 
 /* ---- the sinks and helpers on their own ---- */
