@@ -24,44 +24,20 @@
 #include "device_services.h"
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
+#include "suite_text.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
 
 namespace {
 
+using kxtest::fmt;
+using kxtest::stream_text;
+using kxtest::Stream;
+using kxtest::file_text;
+using kxtest::logged;
+using kxtest::route;
+
 using kxcloud::Cloud;
-
-std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *format, ...)
-{
-    char text[8192];
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(text, sizeof text, format, ap);
-    va_end(ap);
-    return text;
-}
-
-std::string stream_text(FILE *stream)
-{
-    std::string text(65536, '\0');
-    rewind(stream);
-    text.resize(fread(&text[0], 1, text.size(), stream));
-    return text;
-}
-
-/* A scratch stream for the calls that answer into one, or a file to read. */
-struct Stream {
-    FILE *f;
-    explicit Stream(FILE *file = tmpfile()) : f(file) {}
-    ~Stream() { if (f) fclose(f); }
-    std::string text() const { return f ? stream_text(f) : ""; }
-};
-
-std::string file_text(const char *path)
-{
-    return Stream(fopen(path, "rb")).text();
-}
 
 std::string hex_to_bytes(const std::string &hex)
 {
@@ -113,19 +89,6 @@ void expect_signs(const Sent &sent, const std::string &signed_text)
 {
     EXPECT_EQ(sent.sign.find_first_of("+/="), std::string::npos);
     EXPECT_EQ(kxtest::open_request_signature(sent.sign), kxtest::md5_raw(signed_text)) << signed_text;
-}
-
-std::string route(const kxcloud::Request &r) { return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path; }
-
-/* A line of `call` whose message is exactly `message`. */
-bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kError)
-{
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines())
-        if (line.level == level && line.text.find(head) != std::string::npos &&
-            line.text.substr(line.text.find(head) + head.size()) == message)
-            return true;
-    return false;
 }
 
 constexpr const char *kDeviceId = "8610030090000010000006101A2B3C4D5E"; /* 24 + serial */

@@ -16,51 +16,19 @@
 
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
+#include "suite_text.h"
 #include "log_services.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
 
 namespace {
 
+using kxtest::fmt;
+using kxtest::Stream;
+using kxtest::logged;
+using kxtest::route;
+
 using kxcloud::Cloud;
-
-std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *format, ...)
-{
-    char text[4096];
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(text, sizeof text, format, ap);
-    va_end(ap);
-    return text;
-}
-
-/* A caller's stream, opened for reading and writing. */
-struct Stream {
-    FILE *f = tmpfile();
-    ~Stream() { if (f) fclose(f); }
-    std::string text() const
-    {
-        std::string t(1 << 20, '\0');
-        rewind(f);
-        t.resize(fread(&t[0], 1, t.size(), f));
-        return t;
-    }
-};
-
-/* A line of `call` whose message is exactly `message`. */
-bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kError)
-{
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines()) {
-        const size_t at = line.text.find(head);
-        if (line.level == level && at != std::string::npos && line.text.substr(at + head.size()) == message)
-            return true;
-    }
-    return false;
-}
-
-std::string route(const kxcloud::Request &r) { return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path; }
 
 std::string hex_of_policy(const std::string &policy)
 {

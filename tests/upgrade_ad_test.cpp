@@ -14,41 +14,19 @@
 
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
+#include "suite_text.h"
 #include "test_cloud.h"
 #include "upgrade_ad_services.h"
 
 namespace {
 
+using kxtest::Stream;
+using kxtest::logged;
+using kxtest::route;
+
 using kxcloud::Cloud;
 
 constexpr const char *kNoPort80 = "port 80 needs the private network namespace";
-
-/* A scratch stream, as a caller opens one for the answer. */
-struct Stream {
-    FILE *f = tmpfile();
-    ~Stream() { fclose(f); }
-    std::string text() const
-    {
-        std::string text(65536, '\0');
-        rewind(f);
-        text.resize(fread(&text[0], 1, text.size(), f));
-        return text;
-    }
-};
-
-/* A line of `call` whose message is exactly `message`. */
-bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kError)
-{
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines()) {
-        const size_t at = line.text.find(head);
-        if (line.level == level && at != std::string::npos && line.text.substr(at + head.size()) == message)
-            return true;
-    }
-    return false;
-}
-
-std::string route(const kxcloud::Request &r) { return std::string(r.tls ? "https " : "http ") + r.method + " " + r.path; }
 
 const KX_UPGRADE_CHECK_S kFirmware = {0, 4000000000u, "V8.09.01", "AT-1", "RSV-1", nullptr, nullptr, nullptr, nullptr};
 const KX_APP_UPGRADE_CHECK_S kApp = {0, 2, "3.1.0", "AT-1", "com.kx.video", nullptr, nullptr};

@@ -22,47 +22,22 @@
 
 #include "kx_cloud_openapi.h"
 #include "log_capture.h"
+#include "suite_text.h"
 #include "test_cloud.h"
 #include "test_crypto.h"
 #include "voice_services.h"
 
 namespace {
 
+using kxtest::fmt;
+using kxtest::file_text;
+
 using kxcloud::Cloud;
 
-std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string fmt(const char *format, ...)
-{
-    std::vector<char> text(16384);
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(text.data(), text.size(), format, ap);
-    va_end(ap);
-    return text.data();
-}
-
-std::string file_text(const char *path)
-{
-    std::string text;
-    if (FILE *f = fopen(path, "rb")) {
-        char chunk[4096];
-        for (size_t n; (n = fread(chunk, 1, sizeof chunk, f)) > 0;)
-            text.append(chunk, n);
-        fclose(f);
-    }
-    return text;
-}
-
-/* A line of `call` whose message is exactly `message`. */
+/* Most lines checked here are the information class's. */
 bool logged(const std::string &call, const std::string &message, unsigned level = kxtest::kInfo)
 {
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines()) {
-        const size_t at = line.text.find(head);
-        if (line.level == level && at != std::string::npos && line.text.substr(at + head.size()) == message)
-            return true;
-    }
-    return false;
+    return kxtest::logged(call, message, level);
 }
 
 /* {rand} and {time} replaced by what the request carried. */

@@ -1,0 +1,51 @@
+/*
+ * Small text helpers the request-call suites share: formatting an expected
+ * wire text, a caller's scratch stream, a whole file's bytes, and a recorded
+ * request's route ("https POST /aaa/sign_out").
+ */
+#ifndef KX_TEST_SUITE_TEXT_H
+#define KX_TEST_SUITE_TEXT_H
+
+#include <cstdio>
+#include <string>
+
+#include "log_capture.h"
+#include "test_cloud.h"
+
+namespace kxtest {
+
+/* printf into a std::string of any length. */
+std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* Everything from the stream's start to its end; the position is left at the end. */
+std::string stream_text(std::FILE *stream);
+
+/* A scratch stream, as a caller opens one for an answer (or a file to read). */
+struct Stream {
+    std::FILE *f;
+    explicit Stream(std::FILE *file = std::tmpfile()) : f(file) {}
+    ~Stream()
+    {
+        if (f != nullptr)
+            std::fclose(f);
+    }
+    Stream(const Stream &) = delete;
+    Stream &operator=(const Stream &) = delete;
+    std::string text() const { return f != nullptr ? stream_text(f) : ""; }
+};
+
+/* The whole file, "" when it cannot be opened. */
+std::string file_text(const std::string &path);
+
+/* "https POST /aaa/sign_out": scheme, method and path of a recorded request. */
+std::string route(const kxcloud::Request &request);
+
+/* A line of `call` whose message, after "call(): ", is exactly `message`. */
+inline bool logged(const std::string &call, const std::string &message, unsigned int level = kError)
+{
+    return log_has(call, message, level);
+}
+
+}  // namespace kxtest
+
+#endif
