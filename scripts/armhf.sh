@@ -93,7 +93,7 @@ echo "armhf: stripped $(basename "$lib"): $size bytes ($(( (size + 1023) / 1024 
 
 [ "$build_only" -eq 1 ] && exit 0
 status=0
-scripts/in-netns.sh ctest --test-dir "$build" --output-on-failure "$@" || status=$?
+ctest --test-dir "$build" --output-on-failure -j"${KX_TEST_JOBS:-$(( jobs + 1 ))}" "$@" || status=$?
 echo "armhf: the heap a signed call holds at most, in bytes"
 scripts/in-netns.sh qemu-arm -L "$root" -E LD_PRELOAD="$build/tests/libkx_emulator_so_mark.so" \
   "$build/tests/reliability/heap_peak" KX_AUTH_AUTHENTICATE KX_SIGN_OUT KX_SIGN_OUT/http || status=1

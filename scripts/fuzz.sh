@@ -27,34 +27,44 @@ cmake --build "$dir" --target "${targets[@]}" -j"${JOBS:-2}" >/dev/null
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-status=0
-summary=()
-for t in "${targets[@]}"; do
-  bin=$dir/fuzz/$t
-  work=$dir/corpus/$t
-  crashes=$dir/crashes/$t
+# One target: its regressions, then SECONDS of fuzzing. The verdict line goes
+# to $dir/<target>.summary; the result is the target's.
+fuzz_one() {
+  local t=$1 bin=$dir/fuzz/$1 work=$dir/corpus/$1 crashes=$dir/crashes/$1 log=$dir/$1.log runs
   mkdir -p "$work" "$crashes"
   if [ -d "fuzz/regressions/$t" ] && ls "fuzz/regressions/$t"/* >/dev/null 2>&1; then
-    echo "== $t: replaying regressions"
     if ! "$bin" fuzz/regressions/"$t"/* >"$dir/$t.regressions.log" 2>&1; then
-      status=1
-      summary+=("$t: a kept regression input fails again (log $dir/$t.regressions.log)")
+      echo "$t: a kept regression input fails again (log $dir/$t.regressions.log)" >"$dir/$t.summary"
       grep -E 'runtime error|ERROR|SUMMARY' "$dir/$t.regressions.log" | head -5
-      continue
+      return 1
     fi
   fi
-  echo "== $t: fuzzing ${seconds}s"
-  log=$dir/$t.log
   if "$bin" -max_total_time="$seconds" -print_final_stats=1 -timeout=10 -rss_limit_mb=1536 \
        -artifact_prefix="$crashes/" "$work" "fuzz/corpus/$t" >"$log" 2>&1; then
     runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || echo '?')
-    summary+=("$t: $runs executions, no crash")
+    echo "$t: $runs executions, no crash" >"$dir/$t.summary"
   else
-    status=1
-    summary+=("$t: CRASH (input in $crashes, log $log)")
+    echo "$t: CRASH (input in $crashes, log $log)" >"$dir/$t.summary"
     grep -E 'ERROR|SUMMARY|#[0-9]+ ' "$log" | head -30
+    return 1
   fi
+}
+
+# The targets run side by side, one per core (FUZZ_JOBS overrides).
+parallel=${FUZZ_JOBS:-$(nproc)}
+echo "== fuzzing ${#targets[@]} targets, ${seconds}s each, $parallel at a time"
+for t in "${targets[@]}"; do
+  rm -f "$dir/$t.summary"
+  fuzz_one "$t" &
+  while [ "$(jobs -rp | wc -l)" -ge "$parallel" ]; do wait -n || true; done
 done
+wait
+# The verdicts decide the result: a target that crashed, replayed a failing
+# regression or left none fails the run.
+status=0
 echo "== fuzz summary (${seconds}s per target)"
-printf '%s\n' "${summary[@]}"
+for t in "${targets[@]}"; do
+  if [ -s "$dir/$t.summary" ]; then cat "$dir/$t.summary"; else echo "$t: no verdict"; status=1; fi
+  grep -q ', no crash$' "$dir/$t.summary" 2>/dev/null || status=1
+done
 exit $status
