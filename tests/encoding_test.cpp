@@ -16,28 +16,20 @@ namespace {
 
 std::string text_of(const unsigned char *bytes, size_t n) { return std::string(reinterpret_cast<const char *>(bytes), n); }
 
-TEST(Base64, Rfc4648VectorsBothWays)
+// One and two bytes left over, whole groups, and every byte value; checked
+// against an independent encoder.
+TEST(Base64, BothWays)
 {
-    const char *vectors[][2] = {{"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}};
-    for (auto &v : vectors) {
-        char text[16] = {0};
-        kx_base64_encode(v[0], text, static_cast<uint32_t>(std::strlen(v[0])));
-        EXPECT_STREQ(text, v[1]);
-        char bytes[16];
-        std::memset(bytes, '#', sizeof bytes);
-        int32_t n = kx_base64_decode(v[1], bytes);
-        ASSERT_EQ(n, static_cast<int32_t>(std::strlen(v[0])));
-        EXPECT_EQ(std::string(bytes, static_cast<size_t>(n) + 1), std::string(v[0]) + '\0');
-        EXPECT_EQ(bytes[n + 1], '#');  // nothing beyond the terminator
-    }
-    std::string all;  // every byte value, against an independent encoder
+    std::string all;
     for (int i = 0; i < 256; ++i)
         all += static_cast<char>(255 - i);
-    std::vector<char> text(4 * 86 + 1), back(257);
-    kx_base64_encode(all.data(), text.data(), static_cast<uint32_t>(all.size()));
-    EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(all));
-    ASSERT_EQ(kx_base64_decode(text.data(), back.data()), 256);
-    EXPECT_EQ(std::string(back.data(), 256), all);
+    for (const std::string &bytes : {std::string("f"), std::string("fo"), std::string("foobar"), all}) {
+        std::vector<char> text((bytes.size() + 2) / 3 * 4 + 1), back(bytes.size() + 2, '#');  // exact sizes (and one more byte)
+        kx_base64_encode(bytes.data(), text.data(), static_cast<uint32_t>(bytes.size()));
+        EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(bytes));
+        ASSERT_EQ(kx_base64_decode(text.data(), back.data()), static_cast<int32_t>(bytes.size()));
+        EXPECT_EQ(std::string(back.data(), back.size()), bytes + '\0' + '#');  // a terminator, nothing beyond
+    }
 }
 
 TEST(Base64, RefusedTexts)
@@ -91,23 +83,19 @@ TEST(Hex, BytesToTextAndBack)
 
 TEST(UrlEncode, KeepsEncodesAndBounds)
 {
-    const char in[] = {'a', ' ', 'b', '~'};
-    char out[16];
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 15), 6);
-    EXPECT_STREQ(out, "a+b%7E");
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 5), 0);
-    EXPECT_EQ(std::string(out, 4), "a+b#");  // left unterminated
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 3), 3);
-    EXPECT_EQ(std::string(out, 5), std::string("a+b\0#", 5));  // NUL in the fourth byte
-
-    const char mixed[] = "Az09-._*/+=&\x80";
-    char wide[64] = {0};
-    EXPECT_EQ(KX_SDK_URLEncode(mixed, 13, wide, 63), 23);
-    EXPECT_STREQ(wide, "Az09-._*%2F%2B%3D%26%80");
-    EXPECT_EQ(KX_SDK_URLEncode(mixed, 0, wide, 63), 0);
+    const struct { const char *in; int32_t length, size, result; std::string image; } cases[] = {
+        {"a b~", 4, 15, 6, std::string("a+b%7E\0", 7)},
+        {"a b~", 4, 5, 0, "a+b#"},                     // no room for "%7E": left unterminated
+        {"a b~", 4, 3, 3, std::string("a+b\0#", 5)},  // full: the NUL in the fourth byte
+        {"Az09-._*/+=&\x80", 13, 63, 23, std::string("Az09-._*%2F%2B%3D%26%80\0", 24)},
+        {"a", 0, 63, 0, "#"},
+    };
+    for (const auto &c : cases) {
+        char out[64];
+        std::memset(out, '#', sizeof out);
+        EXPECT_EQ(KX_SDK_URLEncode(c.in, c.length, out, c.size), c.result) << c.in;
+        EXPECT_EQ(std::string(out, c.image.size()), c.image) << c.in;
+    }
 }
 
 TEST(Aes, PairAEncryptsAsConfiguredAndRoundTrips)
