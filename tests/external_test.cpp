@@ -118,15 +118,7 @@ enum SignFor { kNoSignFor, kOverSignedText, kOverSignBody };
 
 TEST_F(External, EachEntryPointAndSchemeSendsItsUrlOrBodyHeadersAndSignatures)
 {
-    struct Case {
-        const char *what;
-        Entry entry;
-        bool http, get;
-        int32_t sign;
-        Suffix suffix;
-        SignFor header;
-        bool headers_sent;
-    } cases[] = {
+    struct Case { const char *what; Entry entry; bool http, get; int32_t sign; Suffix suffix; SignFor header; bool headers_sent; } cases[] = {
         {"base, secure GET, signed", kBase, false, true, 1, kBodySign, kOverSignedText, true},
         {"base, plain POST, signed", kBase, true, false, 1, kBodySign, kOverSignedText, true},
         {"base, secure POST, unsigned", kBase, false, false, 0, kEmptySign, kNoSignFor, false},
@@ -184,10 +176,7 @@ TEST_F(External, HeaderConversionKeepsItsQuirks)
 {
     const std::string name63(63, 'n'), name64(64, 'n');
     const std::string value125(125, 'v'), value126(126, 'v');
-    struct Case {
-        std::string json;
-        std::vector<std::string> records; /* "name=value" */
-    } cases[] = {
+    struct Case { std::string json; std::vector<std::string> records; /* "name=value" */ } cases[] = {
         {R"({"t":true,"z":null,"f":-1.5,"e":"","a":[]})", {"t=ru", "z=ul", "f=1.", "e=", "a="}},
         /* objects keep the formatted printer's own layout, line breaks included */
         {R"({"o":{},"p":{"k":1}})", {"o=\n", "p=\n\t\"k\":\t1\n"}},
@@ -294,13 +283,7 @@ TEST_F(External, AnswersAndResultsOfEachCall)
 
 TEST_F(External, RefusalsComeBeforeAnyTraffic)
 {
-    struct Case {
-        const char *what;
-        Entry entry;
-        int32_t sign;
-        void (*spoil)(Fetch &);
-        bool null_out;
-    } cases[] = {
+    struct Case { const char *what; Entry entry; int32_t sign; void (*spoil)(Fetch &); bool null_out; } cases[] = {
         {"no answer out", kBase, 0, nullptr, true},
         {"no body", kBase, 0, [](Fetch &f) { f.body = nullptr; }, false},
         {"no URL", kV31, 0, [](Fetch &f) { f.url.clear(); }, false},
