@@ -168,8 +168,20 @@ TEST(List, AppendPrintFree)
 // logged), longer ones logged as "other file"; compared with /proc read here.
 TEST(FindAllTids, ShortIdsAreCollected)
 {
-    // This process (its ids are usually longer) and process 1 (whose id "1" is short).
-    for (const uint32_t pid : {static_cast<uint32_t>(getpid()), 1u}) {
+    // This process, process 1 (whose id "1" is short) and, where there is one,
+    // the longest-lived process with a long id (this process's may be short).
+    std::vector<uint32_t> pids = {static_cast<uint32_t>(getpid()), 1u};
+    uint32_t long_lived = 0;
+    DIR *proc = opendir("/proc");
+    for (dirent *e = proc ? readdir(proc) : nullptr; e != nullptr; e = readdir(proc)) {
+        const uint32_t id = static_cast<uint32_t>(std::strtoul(e->d_name, nullptr, 10));
+        long_lived = id >= 10000 && (long_lived == 0 || id < long_lived) ? id : long_lived;
+    }
+    if (proc)
+        closedir(proc);
+    if (long_lived != 0)
+        pids.push_back(long_lived);
+    for (const uint32_t pid : pids) {
         std::set<std::string> short_ids, long_ids;
         DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
         ASSERT_NE(nullptr, dir);
