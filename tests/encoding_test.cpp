@@ -24,7 +24,8 @@ TEST(Base64, BothWays)
     for (int i = 0; i < 256; ++i)
         all += static_cast<char>(255 - i);
     for (const std::string &bytes : {std::string("f"), std::string("fo"), std::string("foobar"), all}) {
-        std::vector<char> text((bytes.size() + 2) / 3 * 4 + 1), back(bytes.size() + 2, '#');  // exact sizes (and one more byte)
+        // The text exactly as long as it must be; one byte to spare after the decoded bytes and their NUL.
+        std::vector<char> text((bytes.size() + 2) / 3 * 4 + 1), back(bytes.size() + 2, '#');
         kx_base64_encode(bytes.data(), text.data(), static_cast<uint32_t>(bytes.size()));
         EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(bytes));
         ASSERT_EQ(kx_base64_decode(text.data(), back.data()), static_cast<int32_t>(bytes.size()));

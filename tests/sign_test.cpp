@@ -55,7 +55,7 @@ TEST(Sign, ModulusSizeAgainstA512ByteBuffer)
     }
 }
 
-TEST(Sign, KeyTextsAndFiles)
+TEST(Sign, KeysThatDoNotLoad)
 {
     kxtest::clear_log();
     EXPECT_EQ(init_publickey(nullptr), nullptr);
