@@ -1,8 +1,7 @@
 // base64, hexadecimal texts, percent-encoding and the AES pairs. Cipher texts
-// are checked with OpenSSL's EVP interface and the pairs this build was
+// are checked with OpenSSL (test_crypto) and the pairs this build was
 // configured with, independently of the library.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -15,54 +14,23 @@
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+std::string text_of(const unsigned char *bytes, size_t n) { return std::string(reinterpret_cast<const char *>(bytes), n); }
 
-Bytes from_hex(const char *hex)
+// One and two bytes left over, whole groups, and every byte value; checked
+// against an independent encoder.
+TEST(Base64, BothWays)
 {
-    Bytes out;
-    for (size_t i = 0; hex[i] != '\0' && hex[i + 1] != '\0'; i += 2)
-        out.push_back(static_cast<unsigned char>(std::strtoul(std::string(hex + i, 2).c_str(), nullptr, 16)));
-    return out;
-}
-
-// Raw AES-128-CBC (no padding) with a configured pair.
-Bytes evp_cbc(bool encrypt, const char *key_hex, const char *iv_hex, const Bytes &in)
-{
-    Bytes key = from_hex(key_hex), iv = from_hex(iv_hex), out(in.size() + 16);
-    EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-    EVP_CipherInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key.data(), iv.data(), encrypt ? 1 : 0);
-    EVP_CIPHER_CTX_set_padding(ctx, 0);
-    int n = 0, m = 0;
-    EVP_CipherUpdate(ctx, out.data(), &n, in.data(), static_cast<int>(in.size()));
-    EVP_CipherFinal_ex(ctx, out.data() + n, &m);
-    EVP_CIPHER_CTX_free(ctx);
-    out.resize(static_cast<size_t>(n + m));
-    return out;
-}
-
-TEST(Base64, Rfc4648VectorsBothWays)
-{
-    const char *vectors[][2] = {{"f", "Zg=="},     {"fo", "Zm8="},         {"foo", "Zm9v"},
-                                {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}};
-    for (auto &v : vectors) {
-        char text[16] = {0};
-        kx_base64_encode(v[0], text, static_cast<uint32_t>(std::strlen(v[0])));
-        EXPECT_STREQ(text, v[1]);
-        char bytes[16];
-        std::memset(bytes, '#', sizeof bytes);
-        int32_t n = kx_base64_decode(v[1], bytes);
-        ASSERT_EQ(n, static_cast<int32_t>(std::strlen(v[0])));
-        EXPECT_EQ(std::string(bytes, static_cast<size_t>(n) + 1), std::string(v[0]) + '\0');
-        EXPECT_EQ(bytes[n + 1], '#');  // nothing beyond the terminator
-    }
-    std::string all;  // every byte value, against an independent encoder
+    std::string all;
     for (int i = 0; i < 256; ++i)
         all += static_cast<char>(255 - i);
-    std::vector<char> text(4 * 86 + 1), back(257);
-    kx_base64_encode(all.data(), text.data(), static_cast<uint32_t>(all.size()));
-    EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(all));
-    ASSERT_EQ(kx_base64_decode(text.data(), back.data()), 256);
-    EXPECT_EQ(std::string(back.data(), 256), all);
+    for (const std::string &bytes : {std::string("f"), std::string("fo"), std::string("foobar"), all}) {
+        // The text exactly as long as it must be; one byte to spare after the decoded bytes and their NUL.
+        std::vector<char> text((bytes.size() + 2) / 3 * 4 + 1), back(bytes.size() + 2, '#');
+        kx_base64_encode(bytes.data(), text.data(), static_cast<uint32_t>(bytes.size()));
+        EXPECT_EQ(std::string(text.data()), kxtest::base64_encode(bytes));
+        ASSERT_EQ(kx_base64_decode(text.data(), back.data()), static_cast<int32_t>(bytes.size()));
+        EXPECT_EQ(std::string(back.data(), back.size()), bytes + '\0' + '#');  // a terminator, nothing beyond
+    }
 }
 
 TEST(Base64, RefusedTexts)
@@ -116,56 +84,47 @@ TEST(Hex, BytesToTextAndBack)
 
 TEST(UrlEncode, KeepsEncodesAndBounds)
 {
-    const char in[] = {'a', ' ', 'b', '~'};
-    char out[16];
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 15), 6);
-    EXPECT_STREQ(out, "a+b%7E");
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 5), 0);
-    EXPECT_EQ(std::string(out, 4), "a+b#");  // left unterminated
-    std::memset(out, '#', sizeof out);
-    EXPECT_EQ(KX_SDK_URLEncode(in, 4, out, 3), 3);
-    EXPECT_EQ(std::string(out, 5), std::string("a+b\0#", 5));  // NUL in the fourth byte
-
-    const char mixed[] = "Az09-._*/+=&\x80";
-    char wide[64] = {0};
-    EXPECT_EQ(KX_SDK_URLEncode(mixed, 13, wide, 63), 23);
-    EXPECT_STREQ(wide, "Az09-._*%2F%2B%3D%26%80");
-    EXPECT_EQ(KX_SDK_URLEncode(mixed, 0, wide, 63), 0);
+    const struct { const char *in; int32_t length, size, result; std::string image; } cases[] = {
+        {"a b~", 4, 15, 6, std::string("a+b%7E\0", 7)},
+        {"a b~", 4, 5, 0, "a+b#"},                     // no room for "%7E": left unterminated
+        {"a b~", 4, 3, 3, std::string("a+b\0#", 5)},  // full: the NUL in the fourth byte
+        {"Az09-._*/+=&\x80", 13, 63, 23, std::string("Az09-._*%2F%2B%3D%26%80\0", 24)},
+        {"a", 0, 63, 0, "#"},
+    };
+    for (const auto &c : cases) {
+        char out[64];
+        std::memset(out, '#', sizeof out);
+        EXPECT_EQ(KX_SDK_URLEncode(c.in, c.length, out, c.size), c.result) << c.in;
+        EXPECT_EQ(std::string(out, c.image.size()), c.image) << c.in;
+    }
 }
 
 TEST(Aes, PairAEncryptsAsConfiguredAndRoundTrips)
 {
-    const std::string text = "device-secret-42";  // 16 bytes, padded to 32
-    Bytes padded(text.begin(), text.end());
-    padded.resize(32, 16);
-    Bytes cipher(32);
-    ASSERT_EQ(KX_SDK_AES_ENCRYPTION(reinterpret_cast<const char *>(padded.data()), cipher.data(), 32), 0);
-    EXPECT_EQ(cipher, evp_cbc(true, KX_TEST_AES_A_KEY, KX_TEST_AES_A_IV, padded));
-
+    const std::string text = "device-secret-42";  // 16 bytes, padded to 32 by the caller
+    const std::string padded = text + std::string(16, '\x10');
+    std::vector<unsigned char> cipher(32), again(32), plain(32, '#');
+    ASSERT_EQ(KX_SDK_AES_ENCRYPTION(padded.c_str(), cipher.data(), 32), 0);
+    EXPECT_EQ(text_of(cipher.data(), 32), kxtest::aes_encrypt('A', text));
     // A fresh IV each call: the same input gives the same cipher text.
-    Bytes again(32);
-    KX_SDK_AES_ENCRYPTION(reinterpret_cast<const char *>(padded.data()), again.data(), 32);
+    KX_SDK_AES_ENCRYPTION(padded.c_str(), again.data(), 32);
     EXPECT_EQ(again, cipher);
 
-    Bytes plain(32, '#');
     uint32_t len = 0;
     ASSERT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 32, plain.data(), &len), 0);
     EXPECT_EQ(len, 16u);
-    EXPECT_EQ(std::string(reinterpret_cast<char *>(plain.data()), 32), text + std::string(16, '\0'));
+    EXPECT_EQ(text_of(plain.data(), 32), text + std::string(16, '\0'));
 }
 
 TEST(Aes, InvalidPaddingByte)
 {
     for (unsigned char pad : {0, 17}) {
-        Bytes block(16, 'x');
-        block[15] = pad;
-        Bytes cipher = evp_cbc(true, KX_TEST_AES_A_KEY, KX_TEST_AES_A_IV, block);
-        Bytes plain(16);
+        // One block whose last byte is `pad`: the first block of the padded cipher text.
+        const std::string cipher = kxtest::aes_encrypt('A', std::string(15, 'x') + static_cast<char>(pad)).substr(0, 16);
+        unsigned char plain[16];
         uint32_t len = 99;
         kxtest::clear_log();
-        EXPECT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 16, plain.data(), &len), -1);
+        EXPECT_EQ(KX_SDK_AES_DECRYPT(cipher.data(), 16, plain, &len), -1);
         EXPECT_EQ(len, 99u);
         // This message has no line end.
         auto lines = kxtest::log_lines();
@@ -177,21 +136,14 @@ TEST(Aes, InvalidPaddingByte)
 
 TEST(Aes, PairBPadsAndHandsOutABuffer)
 {
-    struct Case {
-        uint32_t length, total;
-    } cases[] = {{0, 16}, {15, 16}, {16, 32}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.length);
-        Bytes in(c.length + 1, 'k');
+    for (uint32_t length : {0u, 15u, 16u}) {  // padded to 16, 16 and 32 bytes
+        SCOPED_TRACE(length);
+        const std::string in(length, 'k');
         unsigned char *out = nullptr;
         uint32_t len = 0;
-        ASSERT_EQ(KX_SDK_AES_ENCRYPT(in.data(), c.length, &out, &len), 0);
-        ASSERT_EQ(len, c.total);
-        Bytes plain = evp_cbc(false, KX_TEST_AES_B_KEY, KX_TEST_AES_B_IV, Bytes(out, out + len));
+        ASSERT_EQ(KX_SDK_AES_ENCRYPT(in.c_str(), length, &out, &len), 0);
+        EXPECT_EQ(text_of(out, len), kxtest::aes_encrypt('B', in));
         std::free(out);
-        Bytes expect(c.length, 'k');
-        expect.resize(c.total, static_cast<unsigned char>(c.total - c.length));
-        EXPECT_EQ(plain, expect);
     }
     unsigned char taken = 0;
     unsigned char *busy = &taken;
