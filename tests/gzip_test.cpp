@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -84,20 +85,22 @@ std::vector<kxtest::RawLine> library_lines()
     return lines;
 }
 
-// zlib's own gzip stream of `text`; a small memory level makes many blocks.
+// zlib's own gzip stream of `text`, flushed (Z_SYNC_FLUSH) every `flush_every` bytes if not 0.
 std::string deflated(const std::string &text, int level = Z_DEFAULT_COMPRESSION, int strategy = Z_DEFAULT_STRATEGY,
-                     int mem_level = 8, gz_header *header = nullptr)
+                     size_t flush_every = 0, gz_header *header = nullptr)
 {
     z_stream z{};
-    deflateInit2(&z, level, Z_DEFLATED, 31, mem_level, strategy);
+    deflateInit2(&z, level, Z_DEFLATED, 31, 8, strategy);
     if (header != nullptr)
         deflateSetHeader(&z, header);
-    std::string out(deflateBound(&z, text.size()) + 64, '\0');
+    std::string out(deflateBound(&z, text.size()) + 64 + text.size() / 8, '\0');
     z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(text.data()));
-    z.avail_in = static_cast<uInt>(text.size());
     z.next_out = reinterpret_cast<Bytef *>(&out[0]);
     z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
+    for (size_t at = 0, step = flush_every ? flush_every : text.size(); at < text.size(); at += step) {
+        z.avail_in = static_cast<uInt>(std::min(step, text.size() - at));
+        deflate(&z, at + step < text.size() ? Z_SYNC_FLUSH : Z_FINISH);
+    }
     out.resize(z.total_out);
     deflateEnd(&z);
     return out;
@@ -188,9 +191,9 @@ std::vector<Stream> streams()
     return {
         {"complete", gz},
         {"trailing garbage", gz + "garbage after the stream"},
-        {"header fields", deflated(text, 6, Z_DEFAULT_STRATEGY, 8, &header)},
+        {"header fields", deflated(text, 6, Z_DEFAULT_STRATEGY, 0, &header)},
         {"stored blocks", deflated(text.substr(0, 700), 0)},
-        {"many blocks", deflated(text, 6, Z_DEFAULT_STRATEGY, 1)},
+        {"flushed blocks", deflated(text, 6, Z_DEFAULT_STRATEGY, 150)},
         {"eight-bit literals", deflated(eight_bit_literals(1300), 1, Z_FIXED)},
         {"alternating to the end", fixed_codes(eight_bit_literals(400), false)},
         {"alternating to an invalid code", fixed_codes(eight_bit_literals(400), true)},
