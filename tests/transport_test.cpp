@@ -257,51 +257,26 @@ std::vector<bool> resumed(const Cloud &cloud)
     return out;
 }
 
-TEST_F(Transport, LaterCallsToAServerResumeTheFirstCallsSession)
-{
-    const bool share = KX_TEST_CURL_SHARE;
-    Cloud fresh(tls_only()); /* no session of it exists yet */
-    fresh.reply("*", "/s", Reply{200, "kept"});
-    std::string url = "https://" + fresh.https_domain() + "/s";
-    std::vector<bool> expected{false}; /* one more call (the download) than members follows */
-    for (const Member &m : kMembers) {
-        if (!m.tls)
-            continue;
-        Call c;
-        c.url = url;
-        EXPECT_EQ(0, m.call(c)) << m.name;
-        EXPECT_EQ("kept", received(m, c)) << m.name;
-        expected.push_back(share);
-    }
-    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(url.c_str(), tmpfile(), 0, to_stream, no_progress)); /* closes it */
-    /* A full handshake first, then every member (and the download) resumes:
-     * the connection itself is new each time. */
-    EXPECT_EQ(expected, resumed(fresh));
-
-    /* Without the library initialised there is no share: each call is on
-     * its own, as before KX_GLOBAL_INIT and after KX_GLOBAL_DEINIT. */
-    KX_GLOBAL_DEINIT();
-    fresh.reset();
-    fresh.reply("*", "/s", Reply{200, "kept"});
-    for (int i = 0; i < 2; ++i) {
-        Call c;
-        c.url = url;
-        EXPECT_EQ(0, member("KX_SDK_HTTPS_POST").call(c));
-    }
-    ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1"));
-    EXPECT_EQ((std::vector<bool>{false, false}), resumed(fresh));
-}
-
-TEST_F(Transport, AnotherServerOnTheSameAddressIsCheckedInFull)
+TEST_F(Transport, LaterCallsResumeTheFirstCallsSessionAndANewServerIsCheckedInFull)
 {
     int port = 0;
     {
-        Cloud first(tls_only());
-        first.reply("*", "/t", Reply{});
-        port = first.https_port();
-        Call c;
-        c.url = "https://" + first.https_domain() + "/t";
-        ASSERT_EQ(0, member("KX_SDK_HTTPS_POST").call(c)); /* its session is kept */
+        Cloud fresh(tls_only()); /* no session of it exists yet */
+        fresh.reply("*", "/s", Reply{200, "kept"});
+        port = fresh.https_port();
+        const std::string url = "https://" + fresh.https_domain() + "/s";
+        std::vector<bool> expected{false}; /* a full handshake first; the download comes last */
+        for (const Member &m : kMembers) {
+            if (!m.tls)
+                continue;
+            Call c;
+            c.url = url;
+            EXPECT_EQ(0, m.call(c)) << m.name;
+            EXPECT_EQ("kept", received(m, c)) << m.name;
+            expected.push_back(KX_TEST_CURL_SHARE);
+        }
+        EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(url.c_str(), tmpfile(), 0, to_stream, no_progress)); /* closes it */
+        EXPECT_EQ(expected, resumed(fresh)); /* each on a connection of its own */
     }
     /* Whoever answers there next cannot take up that session: its
      * certificate is checked as on a first call. */
@@ -327,7 +302,9 @@ TEST_F(Transport, AnotherServerOnTheSameAddressIsCheckedInFull)
     }
 }
 
-TEST_F(Transport, ADeinitialisationDuringACallLeavesTheCallItsShare)
+/* The share lives from KX_GLOBAL_INIT to KX_GLOBAL_DEINIT, and a call still
+ * under way keeps it until it ends. */
+TEST_F(Transport, TheShareLivesWhileTheLibraryIsInitialisedAndOutlivesACallInFlight)
 {
     Reply slow{200, "late"};
     slow.delay_ms = 600;
@@ -339,9 +316,19 @@ TEST_F(Transport, ADeinitialisationDuringACallLeavesTheCallItsShare)
         usleep(2000);
     KX_GLOBAL_DEINIT(); /* the caller should not, but the call must survive it */
     call.join();
-    ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1"));
     EXPECT_EQ(0, result);
     EXPECT_EQ("late", stream_text(c.stream));
+
+    /* Uninitialised, each call is on its own. */
+    Cloud fresh(tls_only());
+    fresh.reply("*", "/s", Reply{});
+    for (int i = 0; i < 2; ++i) {
+        Call alone;
+        alone.url = "https://" + fresh.https_domain() + "/s";
+        EXPECT_EQ(0, member("KX_SDK_HTTPS_POST").call(alone));
+    }
+    ASSERT_EQ(0, KX_GLOBAL_INIT("127.0.0.1"));
+    EXPECT_EQ((std::vector<bool>{false, false}), resumed(fresh));
 }
 
 /* ---- the sinks and helpers on their own ---- */
