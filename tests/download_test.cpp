@@ -7,15 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "kx_cloud_openapi.h"
-#include "log_capture.h"
-#include "test_cloud.h"
+#include "suite_text.h"
 
 using kxcloud::Reply;
+using kxtest::file_text;
 using kxtest::log_contains;
 
 namespace {
@@ -34,13 +32,6 @@ int note_progress(void *clientp, double, double, double, double)
     return 0;
 }
 
-std::string slurp()
-{
-    std::stringstream all;
-    all << std::ifstream(kPath, std::ios::binary).rdbuf();
-    return all.str();
-}
-
 class Download : public ::testing::Test {
 protected:
     kxcloud::Cloud &cloud = kxcloud::Cloud::shared();
@@ -55,14 +46,13 @@ protected:
         cloud.reply("GET", "/image", image);
     }
     std::string https(const std::string &path) { return "https://" + cloud.https_domain() + path; }
-    int32_t download(const std::string &url, const char *mode, int32_t offset, int32_t mark = -1)
+    int32_t download(const std::string &path, FILE *f, int32_t offset, int32_t mark)
     {
-        FILE *f = fopen(kPath, mode);
-        return KX_SDK_DownloadFileByCurl_Mark(url.c_str(), f, offset, to_stream, note_progress, mark);
+        return KX_SDK_DownloadFileByCurl_Mark(https(path).c_str(), f, offset, to_stream, note_progress, mark);
     }
 };
 
-TEST_F(Download, FollowsARedirectToTheWholeResourceAndClosesTheStream)
+TEST_F(Download, FollowsARedirectClosesTheStreamAndResumesOnAMarkedSocket)
 {
     Reply moved;
     moved.redirect_to = https("/image");
@@ -72,22 +62,21 @@ TEST_F(Download, FollowsARedirectToTheWholeResourceAndClosesTheStream)
     EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(https("/old").c_str(), f, 0, to_stream, note_progress));
     EXPECT_EQ(-1, fcntl(fd, F_GETFD)); /* closed by the call */
     EXPECT_EQ(EBADF, errno);
-    EXPECT_EQ(image.body, slurp());
+    EXPECT_EQ(image.body, file_text(kPath));
     EXPECT_EQ(0, g_progress_offset);
     EXPECT_EQ("/image", cloud.last().path);
     EXPECT_TRUE(log_contains("(): ps8Url:" + https("/old") + ", res = 0.\n"));
-}
 
-TEST_F(Download, ResumesAHalfWrittenFileOnAMarkedSocket)
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0), mark = 1;
+    /* The caller appends from what it holds; the progress callback sees the offset. */
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    int mark = 1;
     bool may_mark = setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) == 0;
     close(fd);
-    std::ofstream(kPath, std::ios::binary) << image.body.substr(0, 20000);
-    EXPECT_EQ(0, download(https("/image"), "ab", 20000, may_mark ? 100 : -1));
+    ASSERT_EQ(0, truncate(kPath, 20000));
+    EXPECT_EQ(0, download("/image", fopen(kPath, "ab"), 20000, may_mark ? 100 : -1));
     EXPECT_EQ("bytes=20000-", cloud.last().header("Range"));
     EXPECT_EQ(20000, g_progress_offset);
-    EXPECT_EQ(image.body, slurp());
+    EXPECT_EQ(image.body, file_text(kPath));
     EXPECT_EQ(may_mark, log_contains("sockopt_callback(): Mark: 100\n"));
 }
 
@@ -111,8 +100,7 @@ TEST_F(Download, ProbeGivesTheStatedLengthOrMinusOne)
     EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 7.\n"));
     if (!cloud.http_ready())
         GTEST_SKIP() << "port 80 needs the network namespace";
-    Reply chunked;
-    chunked.body = "no length";
+    Reply chunked{200, "no length"};
     chunked.chunked = true;
     cloud.reply("GET", "/chunked", chunked);
     std::string plain = "http://" + cloud.http_domain() + ":80";
@@ -127,8 +115,8 @@ TEST_F(Download, StallEndsWithTheTimeoutCode)
     image.stall_after = 1000;
     image.stall_ms = 75000; /* longer than the 60 s stall limit */
     cloud.reply("GET", "/stall", image);
-    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, download(https("/stall"), "wb", 0));
-    EXPECT_EQ(image.body.substr(0, 1000), slurp());
+    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, download("/stall", fopen(kPath, "wb"), 0, -1));
+    EXPECT_EQ(image.body.substr(0, 1000), file_text(kPath));
     EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 28.\n"));
 }
 

@@ -2,22 +2,9 @@
 
 #include <zlib.h>
 
-#include <cstdio>
-
 #include "kx_cloud_openapi.h"
 
 namespace kxtest {
-
-namespace {
-
-void note(GzOutcome &o, bool error, const char *op, int code, bool broke_out = false)
-{
-    char text[96];
-    std::snprintf(text, sizeof text, broke_out ? "%s # break out of while loop: %d\n" : "%s # error: %d\n", op, code);
-    o.log.push_back({error, text});
-}
-
-}  // namespace
 
 GzOutcome gz_reference(const std::string &input, uint32_t capacity, char fill)
 {
@@ -29,46 +16,39 @@ GzOutcome gz_reference(const std::string &input, uint32_t capacity, char fill)
     z_stream stream{};
     stream.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(input.data()));
     stream.next_out = reinterpret_cast<Bytef *>(&o.out[0]);
-    int result = inflateInit2_(&stream, 31, "1.2.8", static_cast<int>(sizeof(z_stream)));
-    if (result != Z_OK) {
-        note(o, true, "inflateInit2", result);
-        o.result = result;
+    /* A failure logs the operation and its code and is the result; out keeps what was written. */
+    auto fail = [&](const char *op, int code) {
+        o.log.push_back({true, std::string(op) + " # error: " + std::to_string(code) + "\n"});
+        o.result = code;
         return o;
-    }
+    };
+    int result = inflateInit2_(&stream, 31, "1.2.8", static_cast<int>(sizeof(z_stream)));
+    if (result != Z_OK)
+        return fail("inflateInit2", result);
     while (stream.total_out < capacity && stream.total_in < inlen) {
         stream.avail_in = 1;
         stream.avail_out = 1;
         result = inflate(&stream, Z_NO_FLUSH);
         if (result == Z_STREAM_END) {
-            note(o, false, "inflate", result, true);
+            o.log.push_back({false, "inflate # break out of while loop: " + std::to_string(result) + "\n"});
             break;
         }
-        if (result == Z_OK)
-            continue;
-        if (result != Z_DATA_ERROR) {
-            note(o, true, "inflate", result);
-            inflateEnd(&stream);
-            o.result = result;
-            return o;
+        if (result == Z_DATA_ERROR) {
+            /* Once more with a zlib header offered, then on from where the input stood. */
+            Bytef *resume = stream.next_in;
+            stream.next_in = const_cast<Bytef *>(kZlibHeader);
+            stream.avail_in = sizeof kZlibHeader;
+            result = inflate(&stream, Z_NO_FLUSH);
+            stream.next_in = resume;
         }
-        Bytef *resume = stream.next_in;
-        stream.next_in = const_cast<Bytef *>(kZlibHeader);
-        stream.avail_in = sizeof kZlibHeader;
-        result = inflate(&stream, Z_NO_FLUSH);
         if (result != Z_OK) {
-            note(o, true, "inflate", result);
             inflateEnd(&stream);
-            o.result = result;
-            return o;
+            return fail("inflate", result);
         }
-        stream.next_in = resume;
     }
     result = inflateEnd(&stream);
-    if (result != Z_OK) {
-        note(o, true, "inflateEnd", result);
-        o.result = result;
-        return o;
-    }
+    if (result != Z_OK)
+        return fail("inflateEnd", result);
     o.outlen = static_cast<uint32_t>(stream.total_out);
     return o;
 }
