@@ -569,7 +569,9 @@ TEST_F(Push, DisconnectJoinsTheServiceThreadAtOnceAndLeavesNothing)
     const auto started = std::chrono::steady_clock::now();
     s.disconnect();
     EXPECT_LT(std::chrono::steady_clock::now() - started, 2000ms) << "within one service period (2000 ms)";
-    EXPECT_EQ(thread_count(), threads - 1);
+    /* Joined: gone from the task list at once natively, within moments under
+     * qemu-arm (the emulator tells the joiner before its host thread ends). */
+    EXPECT_TRUE(wait_until([&] { return thread_count() == threads - 1; }));
     /* The context was destroyed on the service thread, which closed the
      * connection and told the application before the join returned. */
     auto closed = s.events("closed");
