@@ -36,9 +36,12 @@ KX_API extern void *lwsclient;
  * (a host name without scheme or path) and loads the server's public key into
  * gpKey. psDNS stays the caller's. Until KX_GLOBAL_DEINIT the transfers keep
  * TLS sessions and DNS answers in one share, so that calls after the first to
- * a host resume its TLS session (each on its own connection); a build with
- * KX_CURL_SHARE=OFF, or a share that cannot be allocated, leaves every call a
- * full handshake.
+ * a host resume its TLS session (each on its own connection), and the share
+ * keeps the CA bundle's certificates, read at the first secure call instead
+ * of by every call (a change of the bundle file is seen after the next
+ * initialisation); a build with KX_CURL_SHARE=OFF, or a share that cannot be
+ * allocated, leaves every call a full handshake and its own reading of the
+ * bundle.
  *
  * Only the first 64 characters of psDNS are considered: a domain of 65 or
  * more characters is stored as the empty string (URLs built from it have no

@@ -21,7 +21,9 @@
  *    an argument).
  *  - Secure members check the server's certificate and host name against the
  *    CA bundle fixed at build time (default
- *    "/usr/local/opt/kxsdk2.0/ca/cacert.pem").
+ *    "/usr/local/opt/kxsdk2.0/ca/cacert.pem"); while the library is
+ *    initialised its certificates are read once and kept (see
+ *    KX_GLOBAL_INIT).
  *  - Mark: a socket mark of 0 or more is set as SO_MARK on the connection's
  *    socket before it connects (needs the network-administration privilege;
  *    without it the connection fails); a negative mark sets nothing. Members

@@ -120,7 +120,7 @@ int32_t KX_SDK_DownloadFileByCurl_Mark(const char *ps8Url, FILE *pStream, int32_
         result |= curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, 30L);
         result |= curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
         result |= curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
-        result |= curl_easy_setopt(c, CURLOPT_CAINFO, kx::ca_bundle_path());
+        result |= share.trust(c, kx::ca_bundle_path());
 
         if (result != CURLE_OK) {
             KX_LOGE("Failed to call curl_easy_setopt, error code is %d.\n", result);

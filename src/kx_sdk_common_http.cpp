@@ -346,7 +346,7 @@ curl_write_callback sink_function(Sink sink)
 
 /* Sets one option step; returns its libcurl result (0 for a step that sets
  * nothing in this call). */
-int set_option(Opt step, CURL *curl, const Member &m, Transfer &t, struct curl_slist *list)
+int set_option(Opt step, CURL *curl, const Member &m, Transfer &t, struct curl_slist *list, kx::CurlShareUse &share)
 {
     switch (step) {
     case Opt::Url:
@@ -388,7 +388,7 @@ int set_option(Opt step, CURL *curl, const Member &m, Transfer &t, struct curl_s
     case Opt::VerifyHost:
         return curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
     case Opt::CaInfo:
-        return curl_easy_setopt(curl, CURLOPT_CAINFO, kx::ca_bundle_path());
+        return share.trust(curl, kx::ca_bundle_path());
     case Opt::AcceptEncoding:
         return curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "gzip");
     }
@@ -437,7 +437,7 @@ int32_t perform(const Member &m, Transfer t)
     int result = CURLE_OK;
     for (size_t i = 0; i < m.options.count; ++i) {
         Opt step = m.options.steps[i];
-        int set = set_option(step, curl, m, t, list.get());
+        int set = set_option(step, curl, m, t, list.get(), share);
         if (step != Opt::UrlUncounted)
             result |= set;
     }

@@ -1,5 +1,7 @@
 #include "internal/kx_curl_share.h"
 
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <pthread.h>
 
 #include <cstdlib>
@@ -13,11 +15,20 @@
 
 namespace kx {
 
+/* The CA bundle's certificates and revocation lists, read once. Read-only
+ * once made: connections take references to its entries, never change it. */
+struct CaBundle {
+    STACK_OF(X509) *certs;
+    STACK_OF(X509_CRL) *crls;
+};
+
 /* The share and the calls that hold it. */
 struct CurlShare {
     CURLSH *handle;
     long users;
-    bool retired; /* KX_GLOBAL_DEINIT has let go of it */
+    bool retired;      /* KX_GLOBAL_DEINIT has let go of it */
+    bool bundle_tried; /* the bundle was read (or could not be) */
+    CaBundle bundle;   /* empty when it could not be read */
 };
 
 namespace {
@@ -55,13 +66,83 @@ void unlock_data(CURL *, curl_lock_data data, void *)
         pthread_mutex_unlock(m);
 }
 
+void drop_bundle(CaBundle &bundle)
+{
+    sk_X509_pop_free(bundle.certs, X509_free);
+    sk_X509_CRL_pop_free(bundle.crls, X509_CRL_free);
+    bundle = CaBundle{};
+}
+
+/* Reads the bundle as libcurl would (every certificate and revocation list
+ * of the PEM file; any error fails the whole file) and keeps its entries. */
+CaBundle read_bundle(const char *path)
+{
+    CaBundle bundle{};
+    X509_STORE *store = X509_STORE_new();
+    if (store == nullptr)
+        return bundle;
+    if (X509_STORE_load_locations(store, path, nullptr) == 1) {
+        bundle.certs = sk_X509_new_null();
+        bundle.crls = sk_X509_CRL_new_null();
+        bool whole = bundle.certs != nullptr && bundle.crls != nullptr;
+        STACK_OF(X509_OBJECT) *objects = X509_STORE_get0_objects(store);
+        for (int i = 0; whole && i < sk_X509_OBJECT_num(objects); ++i) {
+            X509_OBJECT *object = sk_X509_OBJECT_value(objects, i);
+            if (X509 *cert = X509_OBJECT_get0_X509(object)) {
+                whole = X509_up_ref(cert) == 1;
+                if (whole && sk_X509_push(bundle.certs, cert) <= 0) {
+                    X509_free(cert);
+                    whole = false;
+                }
+            } else if (X509_CRL *crl = X509_OBJECT_get0_X509_CRL(object)) {
+                whole = X509_CRL_up_ref(crl) == 1;
+                if (whole && sk_X509_CRL_push(bundle.crls, crl) <= 0) {
+                    X509_CRL_free(crl);
+                    whole = false;
+                }
+            }
+        }
+        if (!whole || sk_X509_num(bundle.certs) == 0)
+            drop_bundle(bundle);
+    }
+    X509_STORE_free(store);
+    return bundle;
+}
+
+/* libcurl's SSL context hook: a trust store of the connection's own, holding
+ * the bundle's entries by reference. Runs before the handshake; libcurl adds
+ * its flags (and the CA path's empty lookup) to this store afterwards. */
+CURLcode give_bundle(CURL *, void *ssl_ctx, void *bundle_pointer)
+{
+    const CaBundle *bundle = static_cast<const CaBundle *>(bundle_pointer);
+    X509_STORE *store = X509_STORE_new();
+    if (store == nullptr)
+        return CURLE_OUT_OF_MEMORY;
+    for (int i = 0; i < sk_X509_num(bundle->certs); ++i) {
+        if (X509_STORE_add_cert(store, sk_X509_value(bundle->certs, i)) != 1) {
+            X509_STORE_free(store);
+            return CURLE_OUT_OF_MEMORY;
+        }
+    }
+    for (int i = 0; i < sk_X509_CRL_num(bundle->crls); ++i) {
+        if (X509_STORE_add_crl(store, sk_X509_CRL_value(bundle->crls, i)) != 1) {
+            X509_STORE_free(store);
+            return CURLE_OUT_OF_MEMORY;
+        }
+    }
+    SSL_CTX_set_cert_store(static_cast<SSL_CTX *>(ssl_ctx), store);
+    return CURLE_OK;
+}
+
 void release(CurlShare *share)
 {
     /* Every handle that used it is gone by now; were one still attached,
      * libcurl would refuse, and the share is then left rather than freed
      * under it. */
-    if (curl_share_cleanup(share->handle) == CURLSHE_OK)
+    if (curl_share_cleanup(share->handle) == CURLSHE_OK) {
+        drop_bundle(share->bundle);
         std::free(share);
+    }
 }
 
 CurlShare *make_share()
@@ -150,6 +231,35 @@ CurlShareUse::~CurlShareUse()
     }
     if (last)
         release(share_);
+}
+
+CURLcode CurlShareUse::trust(CURL *curl, const char *path)
+{
+    const CaBundle *bundle = nullptr;
+    if (share_ != nullptr) {
+        MutexLock lock(g_share_mutex);
+        if (!share_->bundle_tried) {
+            share_->bundle = read_bundle(path);
+            share_->bundle_tried = true;
+        }
+        if (share_->bundle.certs != nullptr)
+            bundle = &share_->bundle;
+    }
+    if (bundle != nullptr) {
+        CURLcode result = curl_easy_setopt(curl, CURLOPT_CAINFO, static_cast<const char *>(nullptr));
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(curl, CURLOPT_CAPATH, path);
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, give_bundle);
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, bundle);
+        if (result == CURLE_OK)
+            return CURLE_OK;
+        /* A TLS back end without the hook: the file, as without the share. */
+        (void)curl_easy_setopt(curl, CURLOPT_CAPATH, static_cast<const char *>(nullptr));
+        (void)curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, static_cast<curl_ssl_ctx_callback>(nullptr));
+    }
+    return curl_easy_setopt(curl, CURLOPT_CAINFO, path);
 }
 
 void CurlShareUse::attach(CURL *curl)

@@ -35,6 +35,20 @@
  * store ssl session" retires the share (released safely: libcurl skips empty
  * slots then) and puts a fresh one in its place.
  *
+ * The share also keeps the certificates of the CA bundle, read from the file
+ * once (at the first secure call) instead of by every call: libcurl would
+ * read and parse the whole bundle for every connection, which for a bundle of
+ * the usual size costs far more than the rest of a resumed handshake. Each
+ * connection still gets a trust store of its own, filled with those same
+ * certificates (shared by reference, not parsed again) before the handshake
+ * needs it; the certificates trusted, the checks made and the bytes on the
+ * wire are the same. A bundle that cannot be read whole leaves every call to
+ * read it itself, as without the share, so a missing or broken bundle fails
+ * exactly as before. Calls that trust the kept certificates are told apart in
+ * libcurl's session cache by naming the bundle as their CA path (a lookup that
+ * finds nothing, since the name is a file), so a session made under other
+ * trust is never offered to them.
+ *
  * Sharing is a build option (KX_CURL_SHARE, default on). A share that cannot
  * be made (no memory) leaves the library initialised and the calls as they
  * are without sharing: a full handshake each.
@@ -65,6 +79,11 @@ public:
      * counted with the call's others: a handle that cannot take the share
      * transfers without it. */
     void attach(CURL *curl);
+
+    /* The CA bundle `path` as the handle's trust: the share's certificates
+     * when it holds them, else the file itself (CURLOPT_CAINFO). The result
+     * is the options' own. */
+    CURLcode trust(CURL *curl, const char *path);
 
 private:
     CurlShare *share_;
