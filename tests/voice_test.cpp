@@ -34,19 +34,6 @@ using kxtest::logged;
 
 using kxcloud::Cloud;
 
-/* The information lines logged under `call`, each after its "call(): ". */
-std::vector<std::string> messages(const std::string &call)
-{
-    std::vector<std::string> out;
-    const std::string head = call + "(): ";
-    for (const kxtest::LogLine &line : kxtest::log_lines()) {
-        const size_t at = line.text.find(head);
-        if (line.level == kxtest::kInfo && at != std::string::npos)
-            out.push_back(line.text.substr(at + head.size()));
-    }
-    return out;
-}
-
 using Values = std::map<std::string, std::string>;
 
 /* ---- the values ----------------------------------------------------------------------
@@ -441,12 +428,10 @@ TEST_F(Voice, EveryCallSendsItsDocumentedTextsOverItsSchemeAndDeliversTheVerifie
             const std::string answer = kxcloud::voice_service_answer(r.path);
             EXPECT_EQ(std::string(result), answer);
             EXPECT_EQ(file_text(r.file), kxcloud::signed_json(answer)) << "the raw answer stays on disk";
-            const std::vector<std::string> said = messages(r.name);
-            EXPECT_EQ(std::count(said.begin(), said.end(), "=================" + r.banner + " input param=================\n"), 1);
-            EXPECT_EQ(std::count(said.begin(), said.end(), "=================" + r.banner + " end=================\n"), 1);
+            EXPECT_TRUE(logged(r.name, "=================" + r.banner + " input param=================\n", kxtest::kInfo));
+            EXPECT_TRUE(logged(r.name, "=================" + r.banner + " end=================\n", kxtest::kInfo));
             for (const std::string &line : r.lines)
-                EXPECT_EQ(std::count(said.begin(), said.end(), line), std::count(r.lines.begin(), r.lines.end(), line))
-                    << line;
+                EXPECT_EQ(kxtest::log_count(line, kxtest::kInfo), std::count(r.lines.begin(), r.lines.end(), line)) << line;
         }
     }
     if (!plain)
@@ -508,6 +493,10 @@ TEST_F(Voice, EveryFailureGivesMinusOneInTheCallsOwnWords)
 TEST_F(Voice, AlexaSideCallsTraceTheirStepsAndLogTheirFieldsInOrder)
 {
     ASSERT_EQ(KX_GET_SAMPLE_UTTERANCE(&kQueryBare, domain.c_str(), result), 0);
+    std::vector<std::string> said;
+    for (const kxtest::LogLine &line : kxtest::log_lines())
+        if (line.level == kxtest::kInfo && line.text.find("KX_GET_SAMPLE_UTTERANCE(): ") != std::string::npos)
+            said.push_back(line.text.substr(line.text.find("(): ") + 4));
     const std::vector<std::string> expected = {
         "start KX_GET_SAMPLE_UTTERANCE\n", "u32ChangeToHttp != 1 \n", "KX_CREATE_RAND_STRING success\n",
         "=================KX_GET_SAMPLE_UTTERANCE input param=================\n",
@@ -515,7 +504,7 @@ TEST_F(Voice, AlexaSideCallsTraceTheirStepsAndLogTheirFieldsInOrder)
         "    ps8FeatureCode: FEAT\n", "    u32Scope: -1\n", "    u32Type: 2\n", "    psVersion: 7.0\n",
         "    u32LanguageID: 7\n", "    u32SourceType: 3\n",
         "=================KX_GET_SAMPLE_UTTERANCE end=================\n"};
-    EXPECT_EQ(messages("KX_GET_SAMPLE_UTTERANCE"), expected);
+    EXPECT_EQ(said, expected);
 }
 
 TEST_F(Voice, EncodedValuesAreCutToTheirBuffersAndAFailedStateListEncodingStopsTheCall)
