@@ -5,10 +5,9 @@
  * decoded back to the log bytes with the test's own cryptography, the
  * upgrade-event report, and how each call refuses.
  */
+#include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
-#include <cstdarg>
-#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -30,9 +29,10 @@ using kxtest::route;
 
 using kxcloud::Cloud;
 
-std::string hex_of_policy(const std::string &policy)
+/* The all-policy answer's content: hexadecimal text of the AES cipher of the base64 text of a gzip stream. */
+std::string policy_content(const std::string &gzip)
 {
-    return kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode(kxcloud::gzip_bytes(policy))));
+    return kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode(gzip)));
 }
 
 std::string all_policy_answer(const std::string &code, const std::string &content)
@@ -41,33 +41,31 @@ std::string all_policy_answer(const std::string &code, const std::string &conten
            "</resultCode><policySeq>7</policySeq><policyContent>" + content + "</policyContent></response>";
 }
 
-/* cJSON's printing of a string's bytes. */
-std::string json_escaped(const std::string &bytes)
+/* A JSON object's members, names and string values, in their order. */
+using Members = std::vector<std::pair<std::string, std::string>>;
+Members members(const std::string &json)
 {
-    std::string out;
-    for (unsigned char c : bytes) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\b': out += "\\b"; break;
-        case '\f': out += "\\f"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default: out += c < 0x20 ? fmt("\\u%04x", c) : std::string(1, static_cast<char>(c));
-        }
-    }
+    Members out;
+    cJSON *root = cJSON_Parse(json.c_str());
+    for (cJSON *m = root != nullptr ? root->child : nullptr; m != nullptr; m = m->next)
+        out.emplace_back(m->string, cJSON_IsString(m) ? m->valuestring : "<not a string>");
+    cJSON_Delete(root);
     return out;
 }
 
-std::string pseudo_random(size_t n, unsigned seed)
+/* Bytes that do not compress: a cipher text. */
+std::string noise(size_t n) { return kxtest::aes_encrypt('A', std::string(n, '\0')).substr(0, n); }
+
+using Invoke = std::function<int32_t(uint32_t http, const char *domain, FILE **stream)>;
+
+/* A call of a record with its scheme selector set. */
+template <typename R, typename Fn>
+Invoke on_scheme(R record, Fn fn)
 {
-    std::string bytes(n, '\0');
-    for (char &c : bytes) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>(seed >> 16);
-    }
-    return bytes;
+    return [record, fn](uint32_t http, const char *d, FILE **f) mutable {
+        record.u32ChangeToHttp = http;
+        return fn(&record, d, f);
+    };
 }
 
 const KX_LOG_SERVICE_REQ_S kServiceReq = {0, 2, "3.1.0", "tv.appkey.7", "AT-1"};
@@ -93,7 +91,6 @@ protected:
         kxcloud::register_log_services(cloud);
         kxtest::clear_log();
     }
-    bool plain_ready() { return cloud.http_ready(); }
     std::string upload_url(bool plain, const std::string &query = "?device=DEV-1")
     {
         return (plain ? "http://" + cloud.http_domain() + ":80" : "https://" + domain) + "/log/upload" + query;
@@ -117,7 +114,6 @@ TEST_F(Log, ArgumentsAreCheckedBeforeTheInitialisationAndNothingIsSent)
         {"KX_LOG_GET_SERVICELIST", [&] { return KX_LOG_GET_SERVICELIST(&kServiceReq, d, &list, &closed); }, nullptr},
         {"KX_LOG_QUERY_POLICY", [&] { auto r = kPolicyReq; r.ps8AccessToken = nullptr; return KX_LOG_QUERY_POLICY(&r, d, &s.f); },
          [&] { return KX_LOG_QUERY_POLICY(&kPolicyReq, d, &s.f); }},
-        {"KX_LOG_QUERY_POLICY", [&] { return KX_LOG_QUERY_POLICY(&kPolicyReq, nullptr, &s.f); }, nullptr},
         {"KX_LOG_QUERY_ALL_POLICY", [&] { auto r = kAllReq; r.ps8DeviceId = nullptr; return KX_LOG_QUERY_ALL_POLICY(&r, d, &s.f); },
          [&] { return KX_LOG_QUERY_ALL_POLICY(&kAllReq, d, &s.f); }},
         {"KX_LOG_QUERY_ALL_POLICY", [&] { return KX_LOG_QUERY_ALL_POLICY(&kAllReq, d, nullptr); }, nullptr},
@@ -152,56 +148,48 @@ TEST_F(Log, ArgumentsAreCheckedBeforeTheInitialisationAndNothingIsSent)
 
 /* ---- URLs ------------------------------------------------------------------------ */
 
-TEST_F(Log, QueriesGoToTheirDocumentedUrlsOnBothSchemes)
+TEST_F(Log, QueriesGoToTheirDocumentedUrlsOnEveryScheme)
 {
-    struct Case { const char *name; std::function<int32_t(uint32_t, const char *, FILE **)> run; std::string target, line; };
+    auto list_call = [&](const KX_LOG_SERVICE_REQ_S *r, const char *d, FILE **f) { return KX_LOG_GET_SERVICELIST(r, d, &list, f); };
+    const std::string list_url = "GetServiceList url is %s!\n", url = "url is %s.\n";
+    struct Case { const char *name; Invoke run; std::string target, line; };
+    /* Absent optional texts go as empty values. */
     const Case cases[] = {
-        {"KX_LOG_GET_SERVICELIST",
-         [&](uint32_t http, const char *d, FILE **f) { auto r = kServiceReq; r.u32ChangeToHttp = http; return KX_LOG_GET_SERVICELIST(&r, d, &list, f); },
-         "/pds/getAppServiceList?appVersion=3.1.0&refAppKey=tv.appkey.7&version=7.0&format=0&sourceType=1&languageId=2&accessToken=AT-1",
-         "GetServiceList url is %s!\n"},
-        {"KX_LOG_QUERY_POLICY",
-         [](uint32_t http, const char *d, FILE **f) { auto r = kPolicyReq; r.u32ChangeToHttp = http; return KX_LOG_QUERY_POLICY(&r, d, f); },
-         "/log/get_strategy?msgVersion=4&msgType=9&msgId=20&deviceType=5&version=7.0&format=0&sourceType=1&languageId=2&accessToken=AT-1",
-         "url is %s.\n"},
-        {"KX_LOG_QUERY_ALL_POLICY",
-         [](uint32_t http, const char *d, FILE **f) { auto r = kAllReq; r.u32ChangeToHttp = http; return KX_LOG_QUERY_ALL_POLICY(&r, d, f); },
+        {"KX_LOG_GET_SERVICELIST", on_scheme(kServiceReq, list_call),
+         "/pds/getAppServiceList?appVersion=3.1.0&refAppKey=tv.appkey.7&version=7.0&format=0&sourceType=1&languageId=2"
+         "&accessToken=AT-1", list_url},
+        {"KX_LOG_GET_SERVICELIST", on_scheme(KX_LOG_SERVICE_REQ_S{0, 1, nullptr, "K", "T"}, list_call),
+         "/pds/getAppServiceList?appVersion=&refAppKey=K&version=7.0&format=0&sourceType=1&languageId=1&accessToken=T",
+         list_url},
+        {"KX_LOG_QUERY_POLICY", on_scheme(kPolicyReq, KX_LOG_QUERY_POLICY),
+         "/log/get_strategy?msgVersion=4&msgType=9&msgId=20&deviceType=5&version=7.0&format=0&sourceType=1&languageId=2"
+         "&accessToken=AT-1", url},
+        {"KX_LOG_QUERY_ALL_POLICY", on_scheme(kAllReq, KX_LOG_QUERY_ALL_POLICY),
          "/log/get_dotexception_strategy?policySeq=12&deviceId=DEV-1&appKey=1077&countryCode=DE&brandCode=BR&version=1"
-         "&capabilityCode=CAP&TVOSversion=9.0",
-         "url is %s.\n"},
-        {"KX_REPORT_UPGRADE_EVENT",
-         [](uint32_t http, const char *d, FILE **f) { auto r = kEvent; r.u32ChangeToHttp = http; return KX_REPORT_UPGRADE_EVENT(&r, d, f); },
+         "&capabilityCode=CAP&TVOSversion=9.0", url},
+        {"KX_LOG_QUERY_ALL_POLICY", on_scheme(KX_LOG_ALL_POLICY_REQ_S{0, 0, 0, 0, 4000000000u, 0, nullptr, nullptr, 0, "D", nullptr, nullptr, nullptr},
+                                              KX_LOG_QUERY_ALL_POLICY),
+         "/log/get_dotexception_strategy?policySeq=&deviceId=D&appKey=4000000000&countryCode=&brandCode=&version=1"
+         "&capabilityCode=&TVOSversion=", url},
+        {"KX_REPORT_UPGRADE_EVENT", on_scheme(kEvent, KX_REPORT_UPGRADE_EVENT),
          "/upgrade/report_upgrade_event", "[Report upgrade event]========== report upgrade event url is: %s. ============\n"},
     };
     for (uint32_t http : {0u, 1u, 7u}) {
-        if (http == 1 && !plain_ready())
+        if (http == 1 && !cloud.http_ready())
             continue; /* reported as a skip below */
         const std::string base = http == 1 ? "http://127.0.0.1:80" : "https://" + domain;
         const std::string d = http == 1 ? cloud.http_domain() : domain;
         for (const Case &c : cases) {
+            SCOPED_TRACE(fmt("%s over %u", c.name, http));
             fresh();
             Stream s;
-            EXPECT_EQ(c.run(http, d.c_str(), &s.f), 0) << c.name << " " << http;
-            EXPECT_EQ(cloud.last().tls, http != 1) << c.name;
-            EXPECT_EQ(cloud.last().target, c.target) << c.name;
-            EXPECT_TRUE(logged(c.name, fmt(c.line.c_str(), (base + c.target).c_str()), kxtest::kInfo)) << c.name << " " << http;
+            EXPECT_EQ(c.run(http, d.c_str(), &s.f), 0);
+            EXPECT_EQ(cloud.last().tls, http != 1);
+            EXPECT_EQ(cloud.last().target, c.target);
+            EXPECT_TRUE(logged(c.name, fmt(c.line.c_str(), (base + c.target).c_str()), kxtest::kInfo));
         }
     }
-
-    /* Absent optional texts go as empty values; the URL is cut at 1023 characters. */
-    KX_LOG_ALL_POLICY_REQ_S bare = {0, 0, 0, 0, 4000000000u, 0, nullptr, nullptr, 0, "DEV-2", nullptr, nullptr, nullptr};
-    Stream s;
-    EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&bare, domain.c_str(), &s.f), 0);
-    EXPECT_EQ(cloud.last().target, "/log/get_dotexception_strategy?policySeq=&deviceId=DEV-2&appKey=4000000000&countryCode="
-                                   "&brandCode=&version=1&capabilityCode=&TVOSversion=");
-    EXPECT_TRUE(logged("KX_LOG_QUERY_ALL_POLICY", "policySeq = , deviceId = DEV-2\n", kxtest::kInfo));
-    const std::string token(1100, 't');
-    KX_LOG_SERVICE_REQ_S long_token = {0, 1, nullptr, "K", token.c_str()};
-    Stream s2;
-    EXPECT_EQ(KX_LOG_GET_SERVICELIST(&long_token, domain.c_str(), &list, &s2.f), 0);
-    const std::string head = "/pds/getAppServiceList?appVersion=&refAppKey=K&version=7.0&format=0&sourceType=1&languageId=1&accessToken=";
-    EXPECT_EQ(cloud.last().target, head + token.substr(0, 1023 - ("https://" + domain + head).size()));
-    if (!plain_ready())
+    if (!cloud.http_ready())
         GTEST_SKIP() << "the plain-HTTP cases need port 80 (scripts/in-netns.sh)";
 }
 
@@ -209,17 +197,12 @@ TEST_F(Log, QueriesGoToTheirDocumentedUrlsOnBothSchemes)
 
 TEST_F(Log, ServiceListFillsEightSlotsOfEachKindInDocumentOrder)
 {
-    auto addresses = [](const char *stem, int n) {
+    /* Addresses "stem-1" to "stem-n", as texts or as the list carries them. */
+    auto addresses = [](const char *stem, int n, bool encrypted = false) {
         std::vector<std::string> a;
         for (int i = 1; i <= n; ++i)
-            a.push_back(fmt("%s-%d.example.invalid", stem, i));
+            a.push_back(encrypted ? kxcloud::log_service_address(fmt("%s-%d", stem, i)) : fmt("%s-%d", stem, i));
         return a;
-    };
-    auto encrypted = [](const std::vector<std::string> &plain) {
-        std::vector<std::string> hex;
-        for (const std::string &p : plain)
-            hex.push_back(kxcloud::log_service_address(p));
-        return hex;
     };
     const std::string long_address(300, 'x');
     /* The first block of a longer cipher text: its last byte (a 'b') is no padding. */
@@ -228,16 +211,15 @@ TEST_F(Log, ServiceListFillsEightSlotsOfEachKindInDocumentOrder)
         const char *what;
         std::vector<std::string> policy_hex, upload_hex, policy, upload; /* wire; expected slots */
         int decrypted;
-        std::vector<int> bad_padding = {}; /* what the undecryptable ones end in */
     };
-    const std::vector<std::string> ten = addresses("policy", 10), three = addresses("upload", 3);
+    const std::vector<std::string> three = addresses("p", 3), three_sent = addresses("p", 3, true);
     const Case cases[] = {
-        {"two and three", encrypted(addresses("policy", 2)), encrypted(three), addresses("policy", 2), three, 5},
-        {"more than eight", encrypted(ten), encrypted(addresses("upload", 9)), {ten.begin(), ten.begin() + 8},
-         addresses("upload", 8), 16},
-        {"undecryptable and empty", {encrypted(three)[0], undecryptable, "", encrypted(three)[2]}, {},
-         {three[0], "", "", three[2]}, {}, 2, {'b', 0}},
-        {"too long for a slot", {encrypted({long_address})[0]}, encrypted({"u"}), {long_address.substr(0, 255)}, {"u"}, 2},
+        {"two and three", addresses("p", 2, true), addresses("u", 3, true), addresses("p", 2), addresses("u", 3), 5},
+        {"more than eight", addresses("p", 10, true), addresses("u", 9, true), addresses("p", 8), addresses("u", 8), 16},
+        {"undecryptable and empty", {three_sent[0], undecryptable, "", three_sent[2]}, {}, {three[0], "", "", three[2]},
+         {}, 2},
+        {"too long for a slot", {kxcloud::log_service_address(long_address)}, addresses("u", 1, true),
+         {long_address.substr(0, 255)}, addresses("u", 1), 2},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -253,95 +235,16 @@ TEST_F(Log, ServiceListFillsEightSlotsOfEachKindInDocumentOrder)
         for (size_t i = 0; i < KX_LOG_SERVICE_SLOTS; ++i) {
             EXPECT_EQ(list.as8PolicyService[i], i < c.policy.size() ? c.policy[i] : "") << i;
             EXPECT_EQ(list.as8UploadService[i], i < c.upload.size() ? c.upload[i] : "") << i;
-            EXPECT_EQ(list.as8PolicyService[i][KX_LOG_SERVICE_ADDRESS_SIZE - 1], '\0');
         }
         EXPECT_TRUE(logged("KX_LOG_Parser_ServiceList", fmt("success to find %zu policy service.\n", c.policy.size()), kxtest::kInfo));
         EXPECT_TRUE(logged("KX_LOG_Parser_ServiceList", fmt("success to find %zu upload service.\n", c.upload.size()), kxtest::kInfo));
         EXPECT_TRUE(logged("KX_LOG_GET_SERVICELIST", "success to get service list!\n", kxtest::kInfo));
         /* Beyond the eighth nothing is decrypted. */
         EXPECT_EQ(kxtest::log_count("Service Address is ", kxtest::kInfo), c.decrypted);
-        EXPECT_FALSE(kxtest::log_contains("policy-9.example"));
-        EXPECT_EQ(kxtest::log_count("PaddingByteNum", kxtest::kError), static_cast<int>(c.bad_padding.size()));
-        for (int pad : c.bad_padding)
-            EXPECT_TRUE(logged("KX_SDK_AES_DECRYPT", fmt("%d is invalid PaddingByteNum.", pad)));
-    }
-}
-
-TEST_F(Log, ServiceListRefusals)
-{
-    const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response>";
-    const std::string good = kxcloud::log_service_list({kxcloud::log_service_address("p")}, {});
-    struct Case { const char *what; kxcloud::Reply reply; std::vector<std::pair<std::string, std::string>> lines; bool zeroed; };
-    const Case cases[] = {
-        {"not found", {404, ""}, {{"KX_LOG_GET_SERVICELIST", "Failed to call KX_SDK_HTTP_GET.\n"}}, false},
-        {"unsigned", {200, good}, {{"KX_LOG_GET_SERVICELIST", "failed to  verify xml data!\n"}}, false},
-        {"result code 1", {200, kxcloud::signed_xml(head + "<resultCode>1</resultCode></response>")},
-         {{"KX_LOG_Parser_ServiceList", "Failed to parse service list, ResultCode is 1.\n"},
-          {"KX_LOG_GET_SERVICELIST", "Failed to parse servicelist xml.\n"}}, true},
-        {"no result code", {200, kxcloud::signed_xml(head + "<appServiceList/></response>")},
-         {{"KX_LOG_Parser_ServiceList", "Failed to find resultCode node in xml file.\n"}}, true},
-        {"not XML", {200, kxcloud::signed_xml(head + "<resultCode>0</resultCode><a></response>")},
-         {{"KX_LOG_Parser_ServiceList", "Failed to call xmlReadFd().\n"}, {"KX_LOG_GET_SERVICELIST", "Failed to parse servicelist xml.\n"}},
-         true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        cloud.reply("GET", "/pds/getAppServiceList", c.reply);
-        kxtest::clear_log();
-        memset(&list, 0x5A, sizeof list);
-        Stream s;
-        EXPECT_EQ(KX_LOG_GET_SERVICELIST(&kServiceReq, domain.c_str(), &list, &s.f), -1);
-        for (const auto &line : c.lines)
-            EXPECT_TRUE(logged(line.first, line.second)) << line.second;
-        /* The list is zeroed by the parser, not before. */
-        EXPECT_EQ(list.u32PolicyServiceNum, c.zeroed ? 0u : 0x5A5A5A5Au);
-    }
-}
-
-/* ---- log strategy -------------------------------------------------------------------- */
-
-TEST_F(Log, LogStrategyIsVerifiedIntoTheStream)
-{
-    Stream good;
-    ASSERT_EQ(KX_LOG_QUERY_POLICY(&kPolicyReq, domain.c_str(), &good.f), 0);
-    EXPECT_EQ(good.text(), kxcloud::log_strategy_answer());
-
-    std::string tampered = kxcloud::signed_xml(kxcloud::log_strategy_answer());
-    tampered[tampered.find("3600")] = '9';
-    const std::pair<kxcloud::Reply, const char *> cases[] = {
-        {{404, ""}, "Failed to call KX_SDK_POST.\n"},
-        {{200, tampered}, "failed to  verify xml data!\n"},
-    };
-    for (const auto &c : cases) {
-        cloud.reply("GET", "/log/get_strategy", c.first);
-        kxtest::clear_log();
-        Stream s;
-        EXPECT_EQ(KX_LOG_QUERY_POLICY(&kPolicyReq, domain.c_str(), &s.f), -1);
-        EXPECT_TRUE(logged("KX_LOG_QUERY_POLICY", c.second)) << c.second;
-        EXPECT_EQ(s.text(), "");
     }
 }
 
 /* ---- all policy ------------------------------------------------------------------------ */
-
-TEST_F(Log, AllPolicyPipelineRewritesTheStreamWithThePlainPolicy)
-{
-    const std::string policies[] = {
-        kxcloud::kLogPolicy,
-        "<?xml version=\"1.0\"?>\n<policy><dot module=\"epg\" level=\"info\"/>" + std::string(3000, ' ') + "</policy>",
-    };
-    for (const std::string &policy : policies) {
-        fresh();
-        if (policy != kxcloud::kLogPolicy)
-            cloud.reply("GET", "/log/get_dotexception_strategy", {200, all_policy_answer("0", hex_of_policy(policy))});
-        Stream s;
-        ASSERT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), 0);
-        EXPECT_EQ(ftell(s.f), 0L) << "rewound";
-        EXPECT_EQ(s.text(), policy) << "truncated and rewritten, whether the policy is shorter than the answer or not";
-    }
-    EXPECT_TRUE(logged("KX_LOG_DECRYPT_POLICYCONTENT", fmt("policy content is %s.\n", kxtest::base64_encode(kxcloud::gzip_bytes(policies[1])).c_str()),
-                       kxtest::kInfo));
-}
 
 /* A policy of L bytes that gzips to exactly L / 32 bytes (or that and one byte more). */
 std::string policy_at_ratio(size_t extra)
@@ -354,66 +257,140 @@ std::string policy_at_ratio(size_t extra)
     return "";
 }
 
-TEST_F(Log, AllPolicyDecompressesToAtMostThirtyTwoTimesItsSizeAndOnlyWhole)
+TEST_F(Log, AllPolicyRewritesTheStreamWithTheWholePolicyOfAtMostThirtyTwoTimesItsSize)
 {
     const std::string exact = policy_at_ratio(0), over = policy_at_ratio(1);
-    ASSERT_FALSE(exact.empty());
-    ASSERT_FALSE(over.empty());
-    std::string gz = kxcloud::gzip_bytes(exact);
-    const std::string cut = gz.substr(0, gz.size() - 4); /* the trailer's length missing */
-    auto content = [](const std::string &gzip) {
-        return kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode(gzip)));
-    };
-    struct Case { const char *what; std::string content; bool ok; };
+    ASSERT_FALSE(exact.empty() || over.empty());
+    const std::string gz = kxcloud::gzip_bytes(exact);
+    const std::string longer = "<?xml version=\"1.0\"?>\n<policy><dot module=\"epg\" level=\"info\"/>" + std::string(3000, ' ') + "</policy>";
+    /* The stream is emptied before the policy goes in (shorter than the answer or not) and
+     * rewound; a policy that is refused leaves it empty. */
+    struct Case { const char *what; std::string gzip, policy; };
     const Case cases[] = {
-        {"exactly 32 times", hex_of_policy(exact), true},
-        {"32 times and one byte", hex_of_policy(over), false},
-        {"stream cut short", content(cut), false},
+        {"the sample policy", kxcloud::gzip_bytes(kxcloud::kLogPolicy), kxcloud::kLogPolicy},
+        {"longer than its answer", kxcloud::gzip_bytes(longer), longer},
+        {"exactly 32 times", gz, exact},
+        {"32 times and one byte", kxcloud::gzip_bytes(over), ""},
+        {"stream cut short", gz.substr(0, gz.size() / 2), ""},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        cloud.reply("GET", "/log/get_dotexception_strategy", {200, all_policy_answer("0", c.content)});
+        cloud.reply("GET", "/log/get_dotexception_strategy", {200, all_policy_answer("0", policy_content(c.gzip))});
         kxtest::clear_log();
         Stream s;
-        EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), c.ok ? 0 : -1);
-        EXPECT_EQ(s.text(), c.ok ? exact : "") << "the stream is emptied before the policy goes in";
-        EXPECT_EQ(logged("KX_LOG_UNZIP_POLICY", "failed to decompress policy.\n"), !c.ok);
-        EXPECT_EQ(logged("KX_LOG_QUERY_ALL_POLICY", "Failed to unzip policy.\n"), !c.ok);
+        EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), c.policy.empty() ? -1 : 0);
+        EXPECT_EQ(ftell(s.f), 0L);
+        EXPECT_EQ(s.text(), c.policy);
+        EXPECT_TRUE(logged("KX_LOG_DECRYPT_POLICYCONTENT", "policy content is " + kxtest::base64_encode(c.gzip) + ".\n",
+                           kxtest::kInfo));
+        EXPECT_EQ(logged("KX_LOG_UNZIP_POLICY", "failed to decompress policy.\n"), c.policy.empty());
+        EXPECT_EQ(logged("KX_LOG_QUERY_ALL_POLICY", "Failed to unzip policy.\n"), c.policy.empty());
     }
 }
 
-TEST_F(Log, AllPolicyRefusals)
+/* ---- failed answers --------------------------------------------------------------------- */
+
+TEST_F(Log, FailuresEndTheCallInItsOwnWords)
 {
-    const std::string policy = hex_of_policy(kxcloud::kLogPolicy);
+    struct Call { std::function<int32_t(FILE **)> run; const char *method, *path; };
+    const Call service_list = {[&](FILE **f) { return KX_LOG_GET_SERVICELIST(&kServiceReq, domain.c_str(), &list, f); },
+                               "GET", "/pds/getAppServiceList"};
+    const Call strategy = {[&](FILE **f) { return KX_LOG_QUERY_POLICY(&kPolicyReq, domain.c_str(), f); }, "GET",
+                           "/log/get_strategy"};
+    const Call all_policy = {[&](FILE **f) { return KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), f); }, "GET",
+                             "/log/get_dotexception_strategy"};
+    const Call event = {[&](FILE **f) { return KX_REPORT_UPGRADE_EVENT(&kEvent, domain.c_str(), f); }, "POST",
+                        "/upgrade/report_upgrade_event"};
+    const Call event_nowhere = {[](FILE **f) { return KX_REPORT_UPGRADE_EVENT(&kEvent, nullptr, f); }, "POST",
+                                "/upgrade/report_upgrade_event"};
+    /* Uploads to an address nobody serves, of nothing, and of 9000 bytes that do not compress
+     * (they overflow their 9000-byte working buffer). */
+    auto upload = [this](std::string url, std::string log) {
+        return Call{[url, log](FILE **f) {
+                        KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", static_cast<uint32_t>(log.size()), log.data(), url.c_str()};
+                        return KX_LOG_UPLOAD(&r, f);
+                    }, "POST", "/log/upload"};
+    };
+    const Call upload_nowhere = upload("https://" + domain + "/log/nowhere", "log"), upload_nothing = upload(upload_url(false), ""),
+               upload_noise = upload(upload_url(false), noise(9000));
+    const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response>";
+    const std::string list_answer = kxcloud::log_service_list({kxcloud::log_service_address("p")}, {});
+    std::string strategy_altered = kxcloud::signed_xml(kxcloud::log_strategy_answer());
+    strategy_altered[strategy_altered.find("3600")] = '9';
+    std::string event_altered = kxcloud::signed_xml("<response><resultCode>0</resultCode></response>");
+    event_altered[event_altered.find("0</resultCode>")] = '1';
+    const std::string policy = policy_content(kxcloud::gzip_bytes(kxcloud::kLogPolicy));
     const std::string not_base64 = kxtest::hex_encode(kxtest::aes_encrypt('A', "#not base64#"));
-    const std::string not_gzip = kxtest::hex_encode(kxtest::aes_encrypt('A', kxtest::base64_encode("plain, not gzip")));
-    const std::string no_padding = policy.substr(0, 32);
     const std::string tag = "Failed to find resultCode tag.\n", unzip = "Failed to unzip policy.\n";
-    struct Case { const char *what; kxcloud::Reply reply; std::vector<std::pair<std::string, std::string>> lines; bool emptied; };
+    const char *list_parse = "Failed to parse servicelist xml.\n";
+    /* What the stream holds afterwards: nothing, the answer as it came, or (verified and parsed) not checked here. */
+    enum Left { kEmpty, kAsSent, kUnchecked };
+    struct Case {
+        const char *what;
+        const Call &call;
+        kxcloud::Reply reply;
+        std::vector<std::pair<std::string, std::string>> lines;
+        Left left;
+    };
     const Case cases[] = {
-        {"not found", {404, ""}, {{"KX_LOG_QUERY_ALL_POLICY", "Failed to call KX_SDK_HTTP_GET.\n"}}, false},
-        {"result code 00", {200, all_policy_answer("00", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
-        {"result code 0 and a blank", {200, all_policy_answer("0 ", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
-        {"result code 1", {200, all_policy_answer("1", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, false},
-        {"no policy content", {200, "<response><resultCode>0</resultCode></response>"},
-         {{"KX_LOG_UNZIP_POLICY", "Failed to find policyContent tag.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
-        {"no padding", {200, all_policy_answer("0", no_padding)},
+        {"service list not found", service_list, {404, ""},
+         {{"KX_LOG_GET_SERVICELIST", "Failed to call KX_SDK_HTTP_GET.\n"}}, kEmpty},
+        {"service list unsigned", service_list, {200, list_answer},
+         {{"KX_LOG_GET_SERVICELIST", "failed to  verify xml data!\n"}}, kAsSent},
+        {"service list result code 1", service_list,
+         {200, kxcloud::signed_xml(head + "<resultCode>1</resultCode></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to parse service list, ResultCode is 1.\n"},
+          {"KX_LOG_GET_SERVICELIST", list_parse}}, kUnchecked},
+        {"service list without result code", service_list,
+         {200, kxcloud::signed_xml(head + "<appServiceList/></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to find resultCode node in xml file.\n"}}, kUnchecked},
+        {"service list not XML", service_list,
+         {200, kxcloud::signed_xml(head + "<resultCode>0</resultCode><a></response>")},
+         {{"KX_LOG_Parser_ServiceList", "Failed to call xmlReadFd().\n"}, {"KX_LOG_GET_SERVICELIST", list_parse}},
+         kUnchecked},
+        /* the strategy's GET fails in the post routine's name */
+        {"strategy not found", strategy, {404, ""},
+         {{"KX_LOG_QUERY_POLICY", "Failed to call KX_SDK_POST.\n"}}, kEmpty},
+        {"strategy altered", strategy, {200, strategy_altered},
+         {{"KX_LOG_QUERY_POLICY", "failed to  verify xml data!\n"}}, kEmpty},
+        /* the all-policy answer is judged by its result code alone, exactly "0"; the stream is emptied
+           only once the content has decoded */
+        {"all policy not found", all_policy, {404, ""},
+         {{"KX_LOG_QUERY_ALL_POLICY", "Failed to call KX_SDK_HTTP_GET.\n"}}, kEmpty},
+        {"result code 00", all_policy, {200, all_policy_answer("00", policy)},
+         {{"KX_LOG_QUERY_ALL_POLICY", tag}}, kAsSent},
+        {"result code 0 and a blank", all_policy,
+         {200, all_policy_answer("0 ", policy)}, {{"KX_LOG_QUERY_ALL_POLICY", tag}}, kAsSent},
+        {"no policy content", all_policy,
+         {200, "<response><resultCode>0</resultCode></response>"},
+         {{"KX_LOG_UNZIP_POLICY", "Failed to find policyContent tag.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, kAsSent},
+        {"no padding", all_policy, {200, all_policy_answer("0", policy.substr(0, 32))},
          {{"KX_LOG_DECRYPT_POLICYCONTENT", "KX_SDK_AES_DECRYPT() fails!\n"},
-          {"KX_LOG_UNZIP_POLICY", "decrypt policy content failed.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
-        {"not base64", {200, all_policy_answer("0", not_base64)},
-         {{"KX_LOG_UNZIP_POLICY", "failed to decode policyContent string.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, false},
-        {"not gzip", {200, all_policy_answer("0", not_gzip)},
-         {{"KX_LOG_UNZIP_POLICY", "failed to decompress policy.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, true},
+          {"KX_LOG_UNZIP_POLICY", "decrypt policy content failed.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}}, kAsSent},
+        {"not base64", all_policy, {200, all_policy_answer("0", not_base64)},
+         {{"KX_LOG_UNZIP_POLICY", "failed to decode policyContent string.\n"}, {"KX_LOG_QUERY_ALL_POLICY", unzip}},
+         kAsSent},
+        {"event not found", event, {404, ""},
+         {{"KX_REPORT_UPGRADE_EVENT", "[Report upgrade event]Failed to call KX_SDK_HTTP_POST.\n"}}, kEmpty},
+        {"event altered", event, {200, event_altered},
+         {{"KX_REPORT_UPGRADE_EVENT", "[Report upgrade event]failed to verify xml data!\n"}}, kEmpty},
+        {"event without domain", event_nowhere, {200, ""},
+         {{"KX_REPORT_UPGRADE_EVENT", "[Report upgrade event] failed to call KX_SDK_CREATE_URL().\n"}}, kEmpty},
+        {"upload nowhere", upload_nowhere, {200, ""}, {{"KX_LOG_UPLOAD", "Failed to call KX_SDK_HTTP_POST.\n"}}, kEmpty},
+        {"upload of nothing", upload_nothing, {200, ""}, {{"KX_LOG_UPLOAD", "failed to Compress logdata.\n"}}, kEmpty},
+        {"upload too large", upload_noise, {200, ""}, {{"KX_LOG_UPLOAD", "failed to Compress logdata.\n"}}, kEmpty},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        cloud.reply("GET", "/log/get_dotexception_strategy", c.reply);
+        cloud.reply(c.call.method, c.call.path, c.reply);
         kxtest::clear_log();
         Stream s;
-        EXPECT_EQ(KX_LOG_QUERY_ALL_POLICY(&kAllReq, domain.c_str(), &s.f), -1);
+        EXPECT_EQ(c.call.run(&s.f), -1);
         for (const auto &line : c.lines)
             EXPECT_TRUE(logged(line.first, line.second)) << line.second;
-        EXPECT_EQ(s.text(), c.emptied ? "" : c.reply.body);
+        if (c.left != kUnchecked) {
+            EXPECT_EQ(s.text(), c.left == kEmpty ? "" : c.reply.body);
+        }
     }
 }
 
@@ -421,19 +398,18 @@ TEST_F(Log, AllPolicyRefusals)
 
 TEST_F(Log, UploadPostsTheLogEncodedAsOneJsonMember)
 {
-    std::string binary = pseudo_random(300, 7);
+    std::string binary = noise(300);
     binary[10] = '\0';
     struct Case { const char *what; uint32_t http; std::string log; };
     const Case cases[] = {
-        {"100 bytes of text", 0, std::string(60, 'w') + "player: 12:00:01 buffer underrun, rebuffering\n"},
         {"20000 bytes", 0, [] { std::string t; while (t.size() < 20000) t += fmt("%05zu net: retry %zu\n", t.size(), t.size() % 7); return t.substr(0, 20000); }()},
         {"binary with zero bytes", 0, binary},
-        {"incompressible, just fits 8192", 0, pseudo_random(8000, 3)},
+        {"incompressible, just fits 8192", 0, noise(8000)},
         {"plain http", 1, "short log over plain http\n"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        if (c.http == 1 && !plain_ready())
+        if (c.http == 1 && !cloud.http_ready())
             continue; /* reported as a skip below */
         fresh();
         const std::string url = upload_url(c.http == 1);
@@ -449,10 +425,8 @@ TEST_F(Log, UploadPostsTheLogEncodedAsOneJsonMember)
         ASSERT_EQ(sent.body.compare(0, head.size(), head), 0) << sent.body.substr(0, 40);
         ASSERT_EQ(sent.body.compare(sent.body.size() - tail.size(), tail.size(), tail), 0);
         const std::string value = sent.body.substr(head.size(), sent.body.size() - head.size() - tail.size());
-        EXPECT_EQ(value.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789%"), std::string::npos);
         const std::string cipher = kxtest::base64_decode(kxtest::url_decode(value));
         EXPECT_EQ(kxcloud::gunzip_bytes(kxtest::aes_decrypt('B', cipher)), c.log);
-        EXPECT_EQ(s.text(), fmt("{\"resultCode\":0,\"received\":%zu}", c.log.size())) << "the answer lands in the stream";
 
         EXPECT_TRUE(logged("KX_LOG_UPLOAD", fmt("log size is %zu, gzdata size is %zu.\n", c.log.size(),
                                                 kxcloud::gzip_bytes(c.log).size()), kxtest::kInfo));
@@ -461,7 +435,7 @@ TEST_F(Log, UploadPostsTheLogEncodedAsOneJsonMember)
         /* The log's bytes as text, never beyond them. */
         EXPECT_TRUE(logged("KX_LOG_UPLOAD", "Upload LogData : [" + c.log.substr(0, c.log.find('\0')) + "].\n", kxtest::kInfo));
     }
-    if (!plain_ready())
+    if (!cloud.http_ready())
         GTEST_SKIP() << "the plain-HTTP case needs port 80 (scripts/in-netns.sh)";
 }
 
@@ -471,17 +445,18 @@ TEST_F(Log, UploadExSendsTheEventOrTheLogForm)
     const std::string padded = log + std::string(8192 - log.size(), '\0'); /* raw: the working buffer, zero-filled */
     const std::string gz_cipher = kxtest::aes_encrypt('B', kxcloud::gzip_bytes(log));
     const std::string raw_cipher = kxtest::aes_encrypt('B', padded);
+    /* The log form's value is the cipher bytes read as a text: up to the first zero byte. */
     auto up_to_zero = [](const std::string &bytes) { return bytes.substr(0, bytes.find('\0')); };
-    struct Case { const char *what; uint32_t compress, form; const char *device; std::string body, sent; size_t packed; };
+    auto event = [](const std::string &cipher, const char *device) {
+        return Members{{"message", kxtest::base64_encode(cipher)}, {"deviceid", device}, {"eventcode", "E7"},
+                       {"errorcode", "0x1F"}, {"filename", "tuner.log"}};
+    };
+    struct Case { const char *what; uint32_t compress, form; const char *device; Members body; size_t packed; };
     const Case cases[] = {
-        {"event, gzip", 1, KX_LOG_FORM_EVENT, "DEV-1",
-         "{\"message\":\"" + kxtest::base64_encode(gz_cipher) + "\",\"deviceid\":\"DEV-1\",\"eventcode\":\"E7\","
-         "\"errorcode\":\"0x1F\",\"filename\":\"tuner.log\"}", log, kxcloud::gzip_bytes(log).size()},
-        {"event, raw, no device", KX_LOG_COMPRESS_RAW, KX_LOG_FORM_EVENT, nullptr,
-         "{\"message\":\"" + kxtest::base64_encode(raw_cipher) + "\",\"deviceid\":\"\",\"eventcode\":\"E7\","
-         "\"errorcode\":\"0x1F\",\"filename\":\"tuner.log\"}", padded, 8192},
-        {"log, gzip", 0, 0, "DEV-1", "{\"logmsg\":\"" + json_escaped(up_to_zero(gz_cipher)) + "\"}", "", kxcloud::gzip_bytes(log).size()},
-        {"log, raw", KX_LOG_COMPRESS_RAW, 3, "DEV-1", "{\"logmsg\":\"" + json_escaped(up_to_zero(raw_cipher)) + "\"}", "", 8192},
+        {"event, gzip", 1, KX_LOG_FORM_EVENT, "DEV-1", event(gz_cipher, "DEV-1"), kxcloud::gzip_bytes(log).size()},
+        {"event, raw, no device", KX_LOG_COMPRESS_RAW, KX_LOG_FORM_EVENT, nullptr, event(raw_cipher, ""), 8192},
+        {"log, gzip", 0, 0, "DEV-1", {{"logmsg", up_to_zero(gz_cipher)}}, kxcloud::gzip_bytes(log).size()},
+        {"log, raw", KX_LOG_COMPRESS_RAW, 3, "DEV-1", {{"logmsg", up_to_zero(raw_cipher)}}, 8192},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -492,15 +467,9 @@ TEST_F(Log, UploadExSendsTheEventOrTheLogForm)
         Stream s;
         ASSERT_EQ(KX_LOG_UPLOAD_EX(&r, &s.f), 0);
         const kxcloud::Request sent = cloud.last();
-        EXPECT_EQ(sent.body, c.body);
+        EXPECT_EQ(members(sent.body), c.body);
+        EXPECT_EQ(sent.body.rfind("{\"" + c.body.front().first + "\":\"", 0), 0u) << "printed unformatted";
         EXPECT_EQ(sent.header("Content-Type"), "application/json");
-        if (c.form == KX_LOG_FORM_EVENT) {
-            /* The message decodes back (base64, AES pair B, gunzip unless raw) to what was sealed. */
-            const size_t at = strlen("{\"message\":\"");
-            const std::string plain =
-                kxtest::aes_decrypt('B', kxtest::base64_decode(sent.body.substr(at, sent.body.find('"', at) - at)));
-            EXPECT_EQ(c.compress == KX_LOG_COMPRESS_RAW ? plain : kxcloud::gunzip_bytes(plain), c.sent);
-        }
         EXPECT_EQ(logged("KX_LOG_UPLOAD_EX", "raw data, no compress.\n", kxtest::kInfo), c.compress == KX_LOG_COMPRESS_RAW);
         EXPECT_TRUE(logged("KX_LOG_UPLOAD_EX", fmt("ps8EncryptData size is %zu, gzdata size is %zu.\n", (c.packed / 16 + 1) * 16, c.packed),
                            kxtest::kInfo));
@@ -508,36 +477,7 @@ TEST_F(Log, UploadExSendsTheEventOrTheLogForm)
     }
 }
 
-TEST_F(Log, UploadFailuresAreTheCallsOwn)
-{
-    const std::string url = upload_url(false), missing = "https://" + domain + "/log/nowhere";
-    const std::string random = pseudo_random(9000, 5);
-    struct Case { const char *what; std::function<int32_t(FILE **)> run; const char *name, *line; };
-    const Case cases[] = {
-        {"no such address", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 3, "log", missing.c_str()}; return KX_LOG_UPLOAD(&r, f); },
-         "KX_LOG_UPLOAD", "Failed to call KX_SDK_HTTP_POST.\n"},
-        {"no such address", [&](FILE **f) { KX_LOG_UPLOAD_EX_S r = {0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr, 0, "t", 3, "log", missing.c_str()}; return KX_LOG_UPLOAD_EX(&r, f); },
-         "KX_LOG_UPLOAD_EX", "Failed to call KX_SDK_HTTP_POST.\n"},
-        {"empty log", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 0, "", url.c_str()}; return KX_LOG_UPLOAD(&r, f); },
-         "KX_LOG_UPLOAD", "failed to Compress logdata.\n"},
-        /* 9000 bytes that do not compress overflow their 9000-byte working buffer. */
-        {"incompressible 9000 bytes", [&](FILE **f) { KX_LOG_UPLOAD_S r = {0, 0, 0, 0, 0, "t", 9000, random.data(), url.c_str()}; return KX_LOG_UPLOAD(&r, f); },
-         "KX_LOG_UPLOAD", "failed to Compress logdata.\n"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        fresh();
-        Stream s;
-        EXPECT_EQ(c.run(&s.f), -1);
-        EXPECT_TRUE(logged(c.name, c.line));
-        EXPECT_EQ(cloud.requests().size(), std::string(c.line).find("POST") != std::string::npos ? 1u : 0u);
-    }
-}
-
 /* ---- upgrade-event report ----------------------------------------------------------------- */
-
-static_assert(offsetof(KX_UPGRADE_EVENT_S, u32ChangeToHttp) == sizeof(const char *),
-              "the upgrade-event record has its scheme selector second");
 
 TEST_F(Log, UpgradeEventPostsItsFormWithMark100AndVerifiesTheAnswer)
 {
@@ -553,27 +493,9 @@ TEST_F(Log, UpgradeEventPostsItsFormWithMark100AndVerifiesTheAnswer)
         EXPECT_EQ(route(cloud.last()), "https POST /upgrade/report_upgrade_event");
         EXPECT_EQ(cloud.last().body, c.second);
         EXPECT_TRUE(kxtest::log_contains("Mark: 100"));
-        EXPECT_EQ(s.text(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<response><resultCode>0</resultCode></response>");
         EXPECT_TRUE(logged("KX_REPORT_UPGRADE_EVENT",
                            fmt("[Report upgrade event]========== \n post body is %s. \n u32PostBodySize = %zu. \n============\n",
                                c.second.c_str(), c.second.size() + 1), kxtest::kInfo));
-    }
-
-    std::string tampered = kxcloud::signed_xml("<response><resultCode>0</resultCode></response>");
-    tampered[tampered.find("0</resultCode>")] = '1';
-    struct Case { kxcloud::Reply reply; const char *domain, *line; };
-    const Case refusals[] = {
-        {{404, ""}, domain.c_str(), "[Report upgrade event]Failed to call KX_SDK_HTTP_POST.\n"},
-        {{200, tampered}, domain.c_str(), "[Report upgrade event]failed to verify xml data!\n"},
-        {{200, ""}, nullptr, "[Report upgrade event] failed to call KX_SDK_CREATE_URL().\n"},
-    };
-    for (const Case &c : refusals) {
-        cloud.reply("POST", "/upgrade/report_upgrade_event", c.reply);
-        kxtest::clear_log();
-        Stream s;
-        EXPECT_EQ(KX_REPORT_UPGRADE_EVENT(&kEvent, c.domain, &s.f), -1);
-        EXPECT_TRUE(logged("KX_REPORT_UPGRADE_EVENT", c.line)) << c.line;
-        EXPECT_EQ(s.text(), "");
     }
 }
 
