@@ -47,9 +47,10 @@ const Service kServices[] = {
     {"/voiceservice/get_web_portal_locale", "{\"resultCode\":0,\"locales\":[\"en-US\",\"fr-FR\"]}"},
 };
 
-}  // namespace
-
+/* The refusal's text before it is signed. */
 const char *const kVoiceRefusal = "{\"resultCode\":1,\"errorDesc\":\"sign check failed\"}";
+
+}  // namespace
 
 void register_voice_services(Cloud &cloud)
 {
@@ -68,14 +69,6 @@ std::string voice_service_answer(const std::string &path)
             return service.answer;
     }
     return "";
-}
-
-std::vector<std::string> voice_service_paths()
-{
-    std::vector<std::string> paths;
-    for (const Service &service : kServices)
-        paths.push_back(service.path);
-    return paths;
 }
 
 }  // namespace kxcloud

@@ -17,7 +17,6 @@
 #define KX_TEST_VOICE_SERVICES_H
 
 #include <string>
-#include <vector>
 
 #include "test_cloud.h"
 
@@ -29,12 +28,6 @@ void register_voice_services(Cloud &cloud);
 /* The answer a voice service gives before it is signed (the verified text the
  * caller receives); "" when `path` is not a voice service. */
 std::string voice_service_answer(const std::string &path);
-
-/* The refusal's text before it is signed. */
-extern const char *const kVoiceRefusal;
-
-/* Every voice path, in the order the services are listed. */
-std::vector<std::string> voice_service_paths();
 
 }  // namespace kxcloud
 

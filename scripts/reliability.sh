@@ -53,7 +53,9 @@ sweep() {
     done
     for pid in "${pids[@]}"; do wait "$pid" || status=1; done
     for shard in full 0 1; do
-      grep -E '^\[  (PASSED|FAILED) |FAULT|Failure' "$report.$shard.log" || true
+      # A failure with the lines that say why, then the verdicts.
+      grep -E -A4 'Failure$' "$report.$shard.log" || true
+      grep -E '^\[  (PASSED|FAILED) |FAULT' "$report.$shard.log" || true
       cat "$report.$shard" >>"$report" 2>/dev/null || true
       rm -f "$report.$shard"
     done

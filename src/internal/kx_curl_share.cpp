@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <pthread.h>
 
 #include <cstdlib>
@@ -16,7 +17,9 @@
 namespace kx {
 
 /* The CA bundle's certificates and revocation lists, read once. Read-only
- * once made: connections take references to its entries, never change it. */
+ * once made: connections take references to its entries, never change it
+ * (everything OpenSSL would work out on first use is worked out before the
+ * bundle is published under g_share_mutex). */
 struct CaBundle {
     STACK_OF(X509) *certs;
     STACK_OF(X509_CRL) *crls;
@@ -89,6 +92,11 @@ CaBundle read_bundle(const char *path)
         for (int i = 0; whole && i < sk_X509_OBJECT_num(objects); ++i) {
             X509_OBJECT *object = sk_X509_OBJECT_value(objects, i);
             if (X509 *cert = X509_OBJECT_get0_X509(object)) {
+                /* OpenSSL works a certificate's extensions out on first use
+                 * and keeps them in the object: done here, while the bundle
+                 * is still this thread's alone, the connections sharing it
+                 * afterwards only read it. */
+                X509_check_purpose(cert, -1, 0);
                 whole = X509_up_ref(cert) == 1;
                 if (whole && sk_X509_push(bundle.certs, cert) <= 0) {
                     X509_free(cert);
