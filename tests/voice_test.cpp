@@ -111,12 +111,10 @@ using Invoke = std::function<int32_t(uint32_t http, const char *domain, char *ou
 std::string made(const std::string &key, Values &sent)
 {
     const std::string &value = sent[key];
-    if (key == "randStr") {
-        EXPECT_EQ(value.size(), 32u);
-        EXPECT_EQ(value.find_first_not_of("0123456789"), std::string::npos) << value;
-    } else {
+    if (key == "randStr")
+        EXPECT_TRUE(value.size() == 32 && value.find_first_not_of("0123456789") == std::string::npos) << value;
+    else
         EXPECT_NEAR(atoll(value.c_str()), static_cast<long long>(time(nullptr)), 5) << key;
-    }
     return value;
 }
 
@@ -131,11 +129,7 @@ struct Row {
     std::string keys;
     std::map<std::string, int> lines; /* information lines holding a text, and how many */
 
-    Row logs(std::map<std::string, int> expected)
-    {
-        lines = std::move(expected);
-        return *this;
-    }
+    Row logs(std::map<std::string, int> expected) { lines = std::move(expected); return *this; }
     /* The body (the keys in the row's order over encoded values) or the signed text (the
      * signed keys in byte order over raw values). */
     std::string text(bool body, Values &sent) const
@@ -244,8 +238,7 @@ std::vector<Row> rows()
             "accessToken&appkey&brandCode&statCode&languageId&format=1&version&randStr&sourceType&timeStamp&vsType"),
         /* hsv empty, then null */
         row("KX_ENABLE_VOICE_SKILL", "/voiceservice/enableskill", "/tmp/getSkill.json", kBefore, kSkill,
-            KX_ENABLE_VOICE_SKILL, skreq, skill)
-            .logs({{"    ps8Hsv: \n", 1}}),
+            KX_ENABLE_VOICE_SKILL, skreq, skill).logs({{"    ps8Hsv: \n", 1}}),
         row("KX_RESET_VOICE_SKILL", "/voiceservice/resetskillenablement", "/tmp/getSkill.json", kBefore,
             with<Skill>(kSkill, [](Skill &s) { s.ps8Hsv = nullptr; }), KX_RESET_VOICE_SKILL, skreq,
             std::string(skill).erase(skill.find("&hsv="), 5), "KX_ENABLE_VOICE_SKILL"),
