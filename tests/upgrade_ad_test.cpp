@@ -59,13 +59,14 @@ Invoke aimed(int32_t (*fn)(const R *, const char *, FILE **), R record)
 struct AnyCall {
     const char *name, *path;
     Invoke run;
-    std::vector<Invoke> bad; /* a null record, stream address or stream, each required text null */
+    std::vector<Invoke> bad; /* a null record, stream address or stream, each required text null (or domain) */
     const char *transfer_failure, *verify_failure;
 };
 
 template <typename R>
 AnyCall call(const char *name, const char *path, int32_t (*fn)(const R *, const char *, FILE **), const R &record,
-             std::vector<const char *R::*> required, const char *transfer_failure, const char *verify_failure)
+             std::vector<const char *R::*> required, const char *transfer_failure, const char *verify_failure,
+             bool guide = false)
 {
     static FILE *closed = nullptr;
     std::vector<Invoke> bad = {[fn](uint32_t, const char *d, FILE **s) { return fn(nullptr, d, s); },
@@ -76,21 +77,13 @@ AnyCall call(const char *name, const char *path, int32_t (*fn)(const R *, const 
         r.*field = nullptr;
         bad.push_back(aimed(fn, r));
     }
+    if (guide) /* the guide's domain goes into its URL as it stands */
+        bad.push_back([fn, record](uint32_t, const char *, FILE **s) { return fn(&record, nullptr, s); });
     return {name, path, aimed(fn, record), bad, transfer_failure, verify_failure};
 }
 
 std::vector<AnyCall> every_call()
 {
-    AnyCall strategy = call("KX_AD_GET_STRATEGY", "/cgi-bin/epg_index.fcgi", KX_AD_GET_STRATEGY, kStrategy,
-                            {&S::ps8AdInfo, &S::ps8Token, &S::ps8TvMode, &S::ps8OsVersion}, "Get AD strategy faild!\n",
-                            "XML verify is false!\n");
-    AnyCall link = call("KX_AD_GET_LINKINFO", "/cgi-bin/epg_index.fcgi", KX_AD_GET_LINKINFO, kLinkInfo,
-                        {&L::ps8AdLinkId, &L::ps8AdCode, &L::ps8AdPositionOwner, &L::ps8Token, &L::ps8TvMode,
-                         &L::ps8OsVersion},
-                        "Get AD linkinfo faild!\n", "XML verify is false!\n");
-    /* The guide's domain goes into its URL as it stands: a null one is refused too. */
-    strategy.bad.push_back([](uint32_t, const char *, FILE **s) { return KX_AD_GET_STRATEGY(&kStrategy, nullptr, s); });
-    link.bad.push_back([](uint32_t, const char *, FILE **s) { return KX_AD_GET_LINKINFO(&kLinkInfo, nullptr, s); });
     return {
         call("KX_UPGRADE_CHECK_VERSION", "/upgrade/check_version", KX_UPGRADE_CHECK_VERSION, kFirmware,
              {&U::ps8CurrentVersion, &U::ps8AccessToken, &U::ps8DvcRsv}, "Failed to call KX_SDK_HTTP_POST.\n",
@@ -99,8 +92,12 @@ std::vector<AnyCall> every_call()
         call("KX_APP_UPGRADE_CHECK_VERSION", "/upgrade/check_app_version", KX_APP_UPGRADE_CHECK_VERSION, kApp,
              {&A::ps8CurrentVersion, &A::ps8AccessToken, &A::ps8PackageName}, "Failed to call KX_SDK_HTTPS_POST.\n",
              "failed to verify xml data!\n"),
-        strategy,
-        link,
+        call("KX_AD_GET_STRATEGY", "/cgi-bin/epg_index.fcgi", KX_AD_GET_STRATEGY, kStrategy,
+             {&S::ps8AdInfo, &S::ps8Token, &S::ps8TvMode, &S::ps8OsVersion}, "Get AD strategy faild!\n",
+             "XML verify is false!\n", true),
+        call("KX_AD_GET_LINKINFO", "/cgi-bin/epg_index.fcgi", KX_AD_GET_LINKINFO, kLinkInfo,
+             {&L::ps8AdLinkId, &L::ps8AdCode, &L::ps8AdPositionOwner, &L::ps8Token, &L::ps8TvMode, &L::ps8OsVersion},
+             "Get AD linkinfo faild!\n", "XML verify is false!\n", true),
     };
 }
 
