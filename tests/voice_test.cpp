@@ -200,8 +200,6 @@ std::vector<Row> rows()
                               "&extfield&languageId&version&sourceType";
     const char *action = "accessToken&appkey&FeatureCode&brandCode&capabilityCode&languageId&sourceType&statCode"
                          "&version";
-    const char *google = "FeatureCode&appkey&brandCode&capabilityCode&languageId&sourceType&statCode&updatetimeStamp"
-                         "&version";
     const char *portal = "accessToken&brandCode&displayLanguageId&languageId&sourceType&statCode&version";
     return {
         /* the full description: every optional value present, then none (the body still names them) */
@@ -296,7 +294,7 @@ std::vector<Row> rows()
             kAfter, kGoogle, KX_GET_GOOGLE_LANGUAGE_INFO,
             {&Google::ps8AppIndex, &Google::ps8BrandCode, &Google::ps8StateCode, &Google::ps8CapabilityCode,
              &Google::ps8FeatureCode, &Google::ps8UpdatetimeStamp, &Google::psVersion, &Google::psAccessToken},
-            google),
+            "FeatureCode&appkey&brandCode&capabilityCode&languageId&sourceType&statCode&updatetimeStamp&version"),
         /* the locale query with a stamp doubles the "&" after FeatureCode; without one it sends the time */
         row("KX_GET_GOOGLE_LOCALE_INFO", "/voiceservice/get_google_locale", "/tmp/get_google_locale.json", kAfter,
             with<Google>(kGoogle, [](Google &g) { g.ps8FeatureCode = nullptr; }), KX_GET_GOOGLE_LOCALE_INFO,
