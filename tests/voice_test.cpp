@@ -422,26 +422,23 @@ TEST_F(Voice, EveryFailureGivesMinusOneInTheCallsOwnWords)
 
 TEST_F(Voice, EncodedValuesAreCutToTheirBuffersAndAFailedStateListEncodingStopsTheCall)
 {
-    /* 1100 plain characters: 1023 are sent. */
-    const std::string long_name(1100, 'n');
-    Devices d = kDevices;
-    d.ps8DeviceName = long_name.c_str();
-    ASSERT_EQ(KX_REPLACE_VOICE_DEV_INFO(&d, domain.c_str(), result), 0);
-    EXPECT_EQ(cloud.last().form()["deviceName"], long_name.substr(0, 1023));
-    /* "&" takes three characters: 340 of them fill 1020, the next would not fit whole. */
-    const std::string ampersands(400, '&');
-    d.ps8DeviceName = ampersands.c_str();
-    ASSERT_EQ(KX_GET_VOICE_DEVICES_INFO(&d, domain.c_str(), result), 0);
-    std::string expected;
+    /* 1100 plain characters keep 1023; "&" takes three characters, so 340 of them fill 1020 and the next
+     * would not fit whole; a list of 5200 plain characters keeps 5119. */
+    std::string escaped;
     for (int i = 0; i < 340; ++i)
-        expected += "%26";
-    EXPECT_EQ(cloud.last().form()["deviceName"], expected);
-    /* A list of 5200 plain characters keeps 5119 of them. */
-    const std::string long_list(5200, 'l');
-    d = kDevices;
-    d.pjsInputlist = long_list.c_str();
-    ASSERT_EQ(KX_REPLACE_VOICE_DEV_INFO(&d, domain.c_str(), result), 0);
-    EXPECT_EQ(cloud.last().form()["inputlist"], long_list.substr(0, 5119));
+        escaped += "%26";
+    const struct { decltype(&KX_REPLACE_VOICE_DEV_INFO) call; const char *Devices::*field; const char *key;
+                   std::string value, sent; } cuts[] = {
+        {KX_REPLACE_VOICE_DEV_INFO, &Devices::ps8DeviceName, "deviceName", std::string(1100, 'n'), std::string(1023, 'n')},
+        {KX_GET_VOICE_DEVICES_INFO, &Devices::ps8DeviceName, "deviceName", std::string(400, '&'), escaped},
+        {KX_REPLACE_VOICE_DEV_INFO, &Devices::pjsInputlist, "inputlist", std::string(5200, 'l'), std::string(5119, 'l')},
+    };
+    for (const auto &c : cuts) {
+        Devices d = kDevices;
+        d.*c.field = c.value.c_str();
+        ASSERT_EQ(c.call(&d, domain.c_str(), result), 0) << c.key;
+        EXPECT_EQ(cloud.last().form()[c.key], c.sent);
+    }
 
     /* The state reports give up instead of sending a cut list. */
     const std::string quotes(2000, '"');
