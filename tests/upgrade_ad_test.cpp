@@ -28,48 +28,76 @@ using kxcloud::Cloud;
 
 constexpr const char *kNoPort80 = "port 80 needs the private network namespace";
 
-const KX_UPGRADE_CHECK_S kFirmware = {0, 4000000000u, "V8.09.01", "AT-1", "RSV-1", nullptr, nullptr, nullptr, nullptr};
-const KX_APP_UPGRADE_CHECK_S kApp = {0, 2, "3.1.0", "AT-1", "com.kx.video", nullptr, nullptr};
-const KX_AD_STRATEGY_S kStrategy = {"SLOT-9", "AT-1", -3, "dvb", "7.0.1", -1, "80331", "DE"};
-const KX_AD_LINKINFO_S kLinkInfo = {"LINK-4", "AC-1", "7", "AT-1", 2, "dvb", "7.0.1", 5, "80331", "DE"};
+using U = KX_UPGRADE_CHECK_S;
+using A = KX_APP_UPGRADE_CHECK_S;
+using S = KX_AD_STRATEGY_S;
+using L = KX_AD_LINKINFO_S;
+
+const U kFirmware = {0, 4000000000u, "V8.09.01", "AT-1", "RSV-1", nullptr, nullptr, nullptr, nullptr};
+const A kApp = {0, 2, "3.1.0", "AT-1", "com.kx.video", nullptr, nullptr};
+const S kStrategy = {"SLOT-9", "AT-1", -3, "dvb", "7.0.1", -1, "80331", "DE"};
+const L kLinkInfo = {"LINK-4", "AC-1", "7", "AT-1", 2, "dvb", "7.0.1", 5, "80331", "DE"};
 
 using Invoke = std::function<int32_t(uint32_t http, const char *domain, FILE **stream)>;
 
-/* An upgrade check of a record on the scheme and domain given. */
+/* An upgrade check is made on the scheme and domain given; a guide query has
+ * no scheme and is always made to the plain listener. */
 template <typename R>
-Invoke check(int32_t (*fn)(const R *, const char *, FILE **), R record)
+void aim(R &record, uint32_t http, const char *&) { record.u32ChangeToHttp = http; }
+void aim(S &, uint32_t, const char *&domain) { domain = "127.0.0.1"; }
+void aim(L &, uint32_t, const char *&domain) { domain = "127.0.0.1"; }
+
+template <typename R>
+Invoke aimed(int32_t (*fn)(const R *, const char *, FILE **), R record)
 {
     return [fn, record](uint32_t http, const char *d, FILE **s) mutable {
-        record.u32ChangeToHttp = http;
+        aim(record, http, d);
         return fn(&record, d, s);
     };
-}
-
-/* A guide query of a record: it has no scheme, and is always made to the plain listener. */
-template <typename R>
-Invoke guide(int32_t (*fn)(const R *, const char *, FILE **), R record)
-{
-    return [fn, record](uint32_t, const char *, FILE **s) { return fn(&record, "127.0.0.1", s); };
 }
 
 struct AnyCall {
     const char *name, *path;
     Invoke run;
+    std::vector<Invoke> bad; /* a null record, stream address or stream, each required text null (or domain) */
     const char *transfer_failure, *verify_failure;
 };
+
+template <typename R>
+AnyCall call(const char *name, const char *path, int32_t (*fn)(const R *, const char *, FILE **), const R &record,
+             std::vector<const char *R::*> required, const char *transfer_failure, const char *verify_failure,
+             bool guide = false)
+{
+    static FILE *closed = nullptr;
+    std::vector<Invoke> bad = {[fn](uint32_t, const char *d, FILE **s) { return fn(nullptr, d, s); },
+                               [fn, record](uint32_t, const char *d, FILE **) { return fn(&record, d, nullptr); },
+                               [fn, record](uint32_t, const char *d, FILE **) { return fn(&record, d, &closed); }};
+    for (const char *R::*field : required) {
+        R r = record;
+        r.*field = nullptr;
+        bad.push_back(aimed(fn, r));
+    }
+    if (guide) /* the guide's domain goes into its URL as it stands */
+        bad.push_back([fn, record](uint32_t, const char *, FILE **s) { return fn(&record, nullptr, s); });
+    return {name, path, aimed(fn, record), bad, transfer_failure, verify_failure};
+}
 
 std::vector<AnyCall> every_call()
 {
     return {
-        {"KX_UPGRADE_CHECK_VERSION", "/upgrade/check_version", check(KX_UPGRADE_CHECK_VERSION, kFirmware),
-         "Failed to call KX_SDK_HTTP_POST.\n", "failed to verify xml data!\n"},
+        call("KX_UPGRADE_CHECK_VERSION", "/upgrade/check_version", KX_UPGRADE_CHECK_VERSION, kFirmware,
+             {&U::ps8CurrentVersion, &U::ps8AccessToken, &U::ps8DvcRsv}, "Failed to call KX_SDK_HTTP_POST.\n",
+             "failed to verify xml data!\n"),
         /* names the secure member over either scheme */
-        {"KX_APP_UPGRADE_CHECK_VERSION", "/upgrade/check_app_version", check(KX_APP_UPGRADE_CHECK_VERSION, kApp),
-         "Failed to call KX_SDK_HTTPS_POST.\n", "failed to verify xml data!\n"},
-        {"KX_AD_GET_STRATEGY", "/cgi-bin/epg_index.fcgi", guide(KX_AD_GET_STRATEGY, kStrategy),
-         "Get AD strategy faild!\n", "XML verify is false!\n"},
-        {"KX_AD_GET_LINKINFO", "/cgi-bin/epg_index.fcgi", guide(KX_AD_GET_LINKINFO, kLinkInfo),
-         "Get AD linkinfo faild!\n", "XML verify is false!\n"},
+        call("KX_APP_UPGRADE_CHECK_VERSION", "/upgrade/check_app_version", KX_APP_UPGRADE_CHECK_VERSION, kApp,
+             {&A::ps8CurrentVersion, &A::ps8AccessToken, &A::ps8PackageName}, "Failed to call KX_SDK_HTTPS_POST.\n",
+             "failed to verify xml data!\n"),
+        call("KX_AD_GET_STRATEGY", "/cgi-bin/epg_index.fcgi", KX_AD_GET_STRATEGY, kStrategy,
+             {&S::ps8AdInfo, &S::ps8Token, &S::ps8TvMode, &S::ps8OsVersion}, "Get AD strategy faild!\n",
+             "XML verify is false!\n", true),
+        call("KX_AD_GET_LINKINFO", "/cgi-bin/epg_index.fcgi", KX_AD_GET_LINKINFO, kLinkInfo,
+             {&L::ps8AdLinkId, &L::ps8AdCode, &L::ps8AdPositionOwner, &L::ps8Token, &L::ps8TvMode, &L::ps8OsVersion},
+             "Get AD linkinfo faild!\n", "XML verify is false!\n", true),
     };
 }
 
@@ -97,57 +125,23 @@ protected:
 
 /* ---- refusals ------------------------------------------------------------------- */
 
-struct Bad { const char *name; std::function<int32_t()> run; };
-
-/* A null record, stream address or stream, and each required text left null. */
-template <typename R, typename Fn>
-void add_bad(std::vector<Bad> &bad, const char *name, Fn fn, const R &good, std::initializer_list<const char *R::*> required,
-             FILE **stream)
-{
-    static FILE *closed = nullptr;
-    bad.push_back({name, [=] { return fn(nullptr, "127.0.0.1", stream); }});
-    bad.push_back({name, [=, &good] { return fn(&good, "127.0.0.1", nullptr); }});
-    bad.push_back({name, [=, &good] { return fn(&good, "127.0.0.1", &closed); }});
-    for (const char *R::*field : required)
-        bad.push_back({name, [=, &good] { R r = good; r.*field = nullptr; return fn(&r, "127.0.0.1", stream); }});
-}
-
 TEST_F(UpgradeAd, ArgumentsAreCheckedBeforeTheInitialisation)
 {
     Stream stream;
-    std::vector<Bad> bad;
-    using U = KX_UPGRADE_CHECK_S;
-    using A = KX_APP_UPGRADE_CHECK_S;
-    using S = KX_AD_STRATEGY_S;
-    using L = KX_AD_LINKINFO_S;
-    add_bad(bad, "KX_UPGRADE_CHECK_VERSION", KX_UPGRADE_CHECK_VERSION, kFirmware,
-            {&U::ps8CurrentVersion, &U::ps8AccessToken, &U::ps8DvcRsv}, &stream.f);
-    add_bad(bad, "KX_APP_UPGRADE_CHECK_VERSION", KX_APP_UPGRADE_CHECK_VERSION, kApp,
-            {&A::ps8CurrentVersion, &A::ps8AccessToken, &A::ps8PackageName}, &stream.f);
-    add_bad(bad, "KX_AD_GET_STRATEGY", KX_AD_GET_STRATEGY, kStrategy,
-            {&S::ps8AdInfo, &S::ps8Token, &S::ps8TvMode, &S::ps8OsVersion}, &stream.f);
-    add_bad(bad, "KX_AD_GET_LINKINFO", KX_AD_GET_LINKINFO, kLinkInfo,
-            {&L::ps8AdLinkId, &L::ps8AdCode, &L::ps8AdPositionOwner, &L::ps8Token, &L::ps8TvMode, &L::ps8OsVersion},
-            &stream.f);
-    /* The guide's domain goes into its URL as it stands. */
-    bad.push_back({"KX_AD_GET_STRATEGY", [&] { return KX_AD_GET_STRATEGY(&kStrategy, nullptr, &stream.f); }});
-    bad.push_back({"KX_AD_GET_LINKINFO", [&] { return KX_AD_GET_LINKINFO(&kLinkInfo, nullptr, &stream.f); }});
-
+    /* Initialised or not, the refused arguments are invalid; uninitialised, good arguments are not enough. */
     for (bool initialised : {true, false}) {
         if (!initialised)
             KX_GLOBAL_DEINIT();
-        for (const Bad &c : bad) {
-            kxtest::clear_log();
-            EXPECT_EQ(c.run(), -1) << c.name;
-            EXPECT_TRUE(logged(c.name, "invalid arg!\n")) << c.name << (initialised ? "" : " (not initialised)");
-            EXPECT_FALSE(kxtest::log_contains("please firstly")) << c.name;
+        for (const AnyCall &c : every_call()) {
+            for (size_t i = 0; i < c.bad.size() + (initialised ? 0 : 1); ++i) {
+                const bool good = i == c.bad.size();
+                kxtest::clear_log();
+                EXPECT_EQ((good ? c.run : c.bad[i])(0, https_domain.c_str(), &stream.f), -1) << c.name << " case " << i;
+                EXPECT_TRUE(logged(c.name, good ? "please firstly to call KX_GLOBAL_INIT()!\n" : "invalid arg!\n"))
+                    << c.name << " case " << i << (initialised ? "" : " (not initialised)");
+                EXPECT_FALSE(kxtest::log_contains(good ? "invalid arg!" : "please firstly")) << c.name << " case " << i;
+            }
         }
-    }
-    /* Good arguments, no initialisation. */
-    for (const AnyCall &c : every_call()) {
-        kxtest::clear_log();
-        EXPECT_EQ(c.run(0, https_domain.c_str(), &stream.f), -1) << c.name;
-        EXPECT_TRUE(logged(c.name, "please firstly to call KX_GLOBAL_INIT()!\n")) << c.name;
     }
     /* Initialised, the upgrade checks find a null domain in the URL building. */
     ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
@@ -165,42 +159,38 @@ TEST_F(UpgradeAd, ArgumentsAreCheckedBeforeTheInitialisation)
 
 TEST_F(UpgradeAd, UpgradeChecksPostTheirBodiesWithExactlyTheOptionalKeysGiven)
 {
+    /* the language is sent whole, not through a 4-byte text */
     const std::string tail = "&accessToken=AT-1&version=7.0&format=0&sourceType=1&languageId=";
-    const std::string firmware = "msgVersion=513&msgType=256&msgId=66&currentVersion=V8.09.01&dvcRsv=RSV-1";
-    const std::string app = "packageName=com.kx.video&currentVersion=3.1.0";
-    auto fw = [](const char *stat, const char *post, const char *brand, const char *mac) {
-        return check(KX_UPGRADE_CHECK_VERSION, KX_UPGRADE_CHECK_S{0, 4000000000u, "V8.09.01", "AT-1", "RSV-1", stat,
-                                                                  post, brand, mac});
+    struct Case { const char *path; Invoke run; std::string body; };
+    auto fw = [&](const char *stat, const char *post, const char *brand, const char *mac, const std::string &optional) {
+        return Case{"/upgrade/check_version",
+                    aimed(KX_UPGRADE_CHECK_VERSION, U{0, 4000000000u, "V8.09.01", "AT-1", "RSV-1", stat, post, brand, mac}),
+                    "msgVersion=513&msgType=256&msgId=66&currentVersion=V8.09.01&dvcRsv=RSV-1" + optional + tail +
+                        "4000000000"};
     };
-    auto ap = [](const char *stat, const char *post) {
-        return check(KX_APP_UPGRADE_CHECK_VERSION, KX_APP_UPGRADE_CHECK_S{0, 2, "3.1.0", "AT-1", "com.kx.video", stat, post});
+    auto ap = [&](const char *stat, const char *post, const std::string &optional) {
+        return Case{"/upgrade/check_app_version",
+                    aimed(KX_APP_UPGRADE_CHECK_VERSION, A{0, 2, "3.1.0", "AT-1", "com.kx.video", stat, post}),
+                    "packageName=com.kx.video&currentVersion=3.1.0" + optional + tail + "2"};
     };
-    struct Case { const char *what, *path; Invoke run; std::string body; };
     const Case cases[] = {
-        /* the language is sent whole, not through a 4-byte text */
-        {"no optional key", "/upgrade/check_version", fw(nullptr, nullptr, nullptr, nullptr),
-         firmware + tail + "4000000000"},
-        {"only MAC", "/upgrade/check_version", fw(nullptr, nullptr, nullptr, "00:1A:2B:3C:4D:5E"),
-         firmware + "&MAC=00:1A:2B:3C:4D:5E" + tail + "4000000000"},
-        {"all four, empty brand", "/upgrade/check_version", fw("ST-2", "80331", "", "00:1A"),
-         firmware + "&statCode=ST-2&postCode=80331&brandCode=&MAC=00:1A" + tail + "4000000000"},
-        {"app, no optional key", "/upgrade/check_app_version", ap(nullptr, nullptr), app + tail + "2"},
-        {"app, only postCode", "/upgrade/check_app_version", ap(nullptr, "80331"), app + "&postCode=80331" + tail + "2"},
-        {"app, both", "/upgrade/check_app_version", ap("ST-2", "80331"),
-         app + "&statCode=ST-2&postCode=80331" + tail + "2"},
+        fw(nullptr, nullptr, nullptr, nullptr, ""),
+        fw(nullptr, nullptr, nullptr, "00:1A:2B:3C:4D:5E", "&MAC=00:1A:2B:3C:4D:5E"),
+        fw("ST-2", "80331", "", "00:1A", "&statCode=ST-2&postCode=80331&brandCode=&MAC=00:1A"), /* an empty brand is sent */
+        ap(nullptr, nullptr, ""),
+        ap(nullptr, "80331", "&postCode=80331"),
+        ap("ST-2", "80331", "&statCode=ST-2&postCode=80331"),
     };
     for (uint32_t http : {0u, 1u}) {
         if (http == 1 && no_port80())
             GTEST_SKIP() << kNoPort80;
-        const std::string url = http == 1 ? "http://" + domain(http) + ":80" : "https://" + domain(http);
         for (const Case &c : cases) {
-            SCOPED_TRACE(std::string(c.what) + (http == 1 ? " over http" : " over https"));
+            SCOPED_TRACE(c.body + (http == 1 ? " over http" : " over https"));
             fresh();
             Stream stream;
             ASSERT_EQ(c.run(http, domain(http).c_str(), &stream.f), 0);
             EXPECT_EQ(route(cloud.last()), std::string(http == 1 ? "http" : "https") + " POST " + c.path);
             EXPECT_EQ(cloud.last().body, c.body);
-            EXPECT_TRUE(logged("KX_SDK_CREATE_URL", "Get ps8Url is " + url + c.path + "\n", kxtest::kInfo));
         }
     }
 }
@@ -237,40 +227,37 @@ TEST_F(UpgradeAd, GuideUrlsArePlainAddressesFetchedByTheSecureMemberAndCutAt1023
     if (no_port80())
         GTEST_SKIP() << kNoPort80;
     const std::string base = "http://127.0.0.1:80/cgi-bin/epg_index.fcgi?action=";
-    const std::string strategy = base + "getadstrategy&adinfo=";
+    const std::string head = base + "getadstrategy&adinfo=";
     const std::string rest = "&token=AT-1&language_id=-3&tv_mode=dvb&os_version=7.0.1&os_type=-1";
     const std::string filled = rest + "&zipcode=80331&countrycode=DE";
-    KX_AD_STRATEGY_S unfilled = kStrategy, longest = kStrategy, too_long = kStrategy;
-    unfilled.ps8ZipCode = nullptr;
-    unfilled.ps8CountryCode = nullptr;
     /* adinfo that makes the whole URL 1023 characters long, and one more */
-    const std::string fits(1023 - strategy.size() - filled.size(), 'a'), over(fits + "a");
-    longest.ps8AdInfo = fits.c_str();
-    too_long.ps8AdInfo = over.c_str();
-    struct Case { const char *what, *name, *url_line; Invoke run; std::string url; };
-    const Case cases[] = {
-        {"strategy, negative numbers", "KX_AD_GET_STRATEGY", "Strategy Url is: ", guide(KX_AD_GET_STRATEGY, kStrategy),
-         strategy + "SLOT-9" + filled},
-        {"strategy, optional texts left null", "KX_AD_GET_STRATEGY", "Strategy Url is: ",
-         guide(KX_AD_GET_STRATEGY, unfilled), strategy + "SLOT-9" + rest + "&zipcode=(null)&countrycode=(null)"},
-        {"link info, the owner without \"=\"", "KX_AD_GET_LINKINFO", "Linkinfo Url is: ",
-         guide(KX_AD_GET_LINKINFO, kLinkInfo),
-         base + "getadlinkinfo&adlinkid=LINK-4&adcode=AC-1&adpositionowner7&token=AT-1&language_id=2&tv_mode=dvb"
-                "&os_version=7.0.1&os_type=5&zipcode=80331&countrycode=DE"},
-        {"1023 characters, sent whole", "KX_AD_GET_STRATEGY", "Strategy Url is: ", guide(KX_AD_GET_STRATEGY, longest),
-         strategy + fits + filled},
-        {"1024 characters, cut", "KX_AD_GET_STRATEGY", "Strategy Url is: ", guide(KX_AD_GET_STRATEGY, too_long),
-         (strategy + over + filled).substr(0, 1023)},
+    const std::string fits(1023 - head.size() - filled.size(), 'a'), over(fits + "a");
+    auto strategy = [](const char *ad_info, const char *zip, const char *country) {
+        return aimed(KX_AD_GET_STRATEGY, S{ad_info, "AT-1", -3, "dvb", "7.0.1", -1, zip, country});
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
+    const std::pair<Invoke, std::string> cases[] = {
+        /* negative numbers, then the optional texts left null */
+        {strategy("SLOT-9", "80331", "DE"), head + "SLOT-9" + filled},
+        {strategy("SLOT-9", nullptr, nullptr), head + "SLOT-9" + rest + "&zipcode=(null)&countrycode=(null)"},
+        /* the owner without "=" */
+        {aimed(KX_AD_GET_LINKINFO, kLinkInfo), base + "getadlinkinfo&adlinkid=LINK-4&adcode=AC-1&adpositionowner7"
+                                                      "&token=AT-1&language_id=2&tv_mode=dvb&os_version=7.0.1&os_type=5"
+                                                      "&zipcode=80331&countrycode=DE"},
+        /* 1023 characters are sent whole, 1024 cut */
+        {strategy(fits.c_str(), "80331", "DE"), head + fits + filled},
+        {strategy(over.c_str(), "80331", "DE"), (head + over + filled).substr(0, 1023)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.second);
         fresh();
         Stream stream;
-        ASSERT_EQ(c.run(0, nullptr, &stream.f), 0);
+        ASSERT_EQ(c.first(0, nullptr, &stream.f), 0);
         const kxcloud::Request sent = cloud.last();
         EXPECT_EQ(route(sent), "http GET /cgi-bin/epg_index.fcgi");
-        EXPECT_EQ("http://127.0.0.1:80" + sent.target, c.url);
-        EXPECT_TRUE(logged(c.name, c.url_line + c.url + "\n", kxtest::kInfo));
+        EXPECT_EQ("http://127.0.0.1:80" + sent.target, c.second);
+        const bool link = c.second.find("getadlinkinfo") != std::string::npos;
+        EXPECT_TRUE(logged(link ? "KX_AD_GET_LINKINFO" : "KX_AD_GET_STRATEGY",
+                           (link ? "Linkinfo Url is: " : "Strategy Url is: ") + c.second + "\n", kxtest::kInfo));
         /* The secure member asks for gzip; the plain one would not. */
         EXPECT_EQ(sent.header("Accept-Encoding"), "gzip");
     }
