@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <openssl/rsa.h>
 
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <regex>
