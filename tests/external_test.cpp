@@ -40,12 +40,7 @@ std::string sign_for(const std::string &text) { return kxtest::base64_encode(kxt
 /* The answer a fetch hands out: the caller's, released with KX_SDK_FREE. */
 struct Answer {
     char *text = nullptr;
-    ~Answer()
-    {
-        if (text != nullptr) {
-            EXPECT_EQ(KX_SDK_FREE(text), 0);
-        }
-    }
+    ~Answer() { EXPECT_EQ(text != nullptr ? KX_SDK_FREE(text) : 0, 0); }
     std::string str() const { return text != nullptr ? text : "(none)"; }
 };
 
@@ -197,8 +192,7 @@ TEST_F(External, EachEntryPointAndSchemeSendsItsUrlOrBodyHeadersAndSignaturesAnd
 
 TEST_F(External, HeaderConversionKeepsItsQuirks)
 {
-    const std::string name63(63, 'n'), name64(64, 'n');
-    const std::string value125(125, 'v'), value126(126, 'v');
+    const std::string name63(63, 'n'), name64(64, 'n'), value125(125, 'v'), value126(126, 'v');
     struct Case { std::string json; std::vector<std::string> records; /* "name=value" */ } cases[] = {
         {R"({"t":true,"z":null,"f":-1.5,"e":"","a":[]})", {"t=ru", "z=ul", "f=1.", "e=", "a="}},
         /* objects keep the formatted printer's own layout, line breaks included */

@@ -20,11 +20,8 @@ const char kSalt[] = "Qm7TzR2bWc9LkXv4+pHsYe1NdGu8Jf3A";
 // The library's view of a test key pair: loaded from its public PEM text.
 struct LoadedKey {
     kxtest::RsaPtr pair;
-    RSA *pub = nullptr;
-    explicit LoadedKey(int bits) : pair(kxtest::generate_rsa(bits))
-    {
-        pub = init_publickey(kxtest::public_pem(pair.get()).c_str());
-    }
+    RSA *pub;
+    explicit LoadedKey(int bits) : pair(kxtest::generate_rsa(bits)), pub(init_publickey(kxtest::public_pem(pair.get()).c_str())) {}
     ~LoadedKey() { destroy_key(pub); }
 };
 

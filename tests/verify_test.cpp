@@ -28,12 +28,11 @@ struct AnswerFile : kxtest::Stream {
     }
 };
 
-// A JSON answer written `head` + signature member, signed over `signed_text`.
+// Answers written `head` + signature member (JSON) or around the signature element (XML), signed over `signed_text`.
 std::string json_signed_over(const std::string &head, const std::string &signed_text)
 {
     return head + "\"signatureServer\":\"" + server_signature(signed_text) + "\"}";
 }
-
 std::string xml_signed_over(const std::string &before, const std::string &after, const std::string &signed_text)
 {
     return before + "<signatureServer>" + server_signature(signed_text) + "</signatureServer>" + after;
