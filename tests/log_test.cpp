@@ -217,11 +217,8 @@ TEST_F(Log, ServiceListFillsEightSlotsOfEachKindInDocumentOrder)
     const std::string long_address(300, 'x');
     /* The first block of a longer cipher text: its last byte (a 'b') is no padding. */
     const std::string undecryptable = kxcloud::log_service_address("https://policy-broken.example.invalid").substr(0, 32);
-    struct Case {
-        const char *what;
-        std::vector<std::string> policy_hex, upload_hex, policy, upload; /* wire; expected slots */
-        int decrypted;
-    };
+    /* The addresses on the wire, the slots expected, and how many are decrypted. */
+    struct Case { const char *what; std::vector<std::string> policy_hex, upload_hex, policy, upload; int decrypted; };
     const std::vector<std::string> three = addresses("p", 3), three_sent = addresses("p", 3, true);
     const Case cases[] = {
         {"two and three", addresses("p", 2, true), addresses("u", 3, true), addresses("p", 2), addresses("u", 3), 5},
