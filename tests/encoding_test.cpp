@@ -110,11 +110,11 @@ TEST(Aes, PairAEncryptsAsConfiguredAndRoundTrips)
     EXPECT_EQ(text_of(plain.data(), 32), text + std::string(16, '\0'));
 
     for (unsigned char pad : {0, 17}) {
-        // One block whose last byte is `pad`: the first block of the padded cipher text.
-        const std::string block = kxtest::aes_encrypt('A', std::string(15, 'x') + static_cast<char>(pad)).substr(0, 16);
+        // Two blocks whose last byte is `pad` (17 is no more than their length): the padded cipher text cut there.
+        const std::string blocks = kxtest::aes_encrypt('A', std::string(31, 'x') + static_cast<char>(pad)).substr(0, 32);
         len = 99;
         kxtest::clear_log();
-        EXPECT_EQ(KX_SDK_AES_DECRYPT(block.data(), 16, plain.data(), &len), -1);
+        EXPECT_EQ(KX_SDK_AES_DECRYPT(blocks.data(), 32, plain.data(), &len), -1);
         EXPECT_EQ(len, 99u);
         // This message has no line end.
         EXPECT_TRUE(kxtest::log_has("KX_SDK_AES_DECRYPT", std::to_string(pad) + " is invalid PaddingByteNum.", kxtest::kError));
