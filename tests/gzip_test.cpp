@@ -22,6 +22,19 @@ std::string sample_log()
     return text;
 }
 
+// Bytes in 0..143 with few repeats: with fixed codes every one is a literal
+// of exactly eight bits, so input and output bytes alternate one for one.
+std::string eight_bit_literals(size_t n)
+{
+    std::string text;
+    uint32_t x = 12345;
+    for (size_t i = 0; i < n; ++i) {
+        x = x * 1103515245u + 12345u;
+        text.push_back(static_cast<char>((x >> 16) % 144));
+    }
+    return text;
+}
+
 // The decompressor is held to the walk below; the walk, zlib's own inflate
 // stepped, restores what the compressor packed. A short out is refused.
 TEST(Gzip, CompressorPacksWhatTheWalkRestoresOrRefuses)
@@ -38,8 +51,14 @@ TEST(Gzip, CompressorPacksWhatTheWalkRestoresOrRefuses)
     EXPECT_EQ(unpacked.result, 0);
     EXPECT_EQ(unpacked.out.substr(0, unpacked.outlen), text);
 
-    // No room at all: the count of input bytes left. Too small for the final
-    // block: deflate reports Z_BUF_ERROR.
+    // Out full while input is left: the count of input bytes deflate has not
+    // taken (all of them when there is no room at all). Too small for the
+    // final block: deflate reports Z_BUF_ERROR.
+    const std::string bulk = eight_bit_literals(100000);
+    std::string room(1000, '\0');
+    len = 1000;
+    const int32_t left = KX_SDK_GZCOMPRESS(bulk.data(), 100000, &room[0], &len);
+    EXPECT_TRUE(left > 0 && left < 100000) << left;
     len = 0;
     EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), size, &packed[0], &len), static_cast<int32_t>(size));
     EXPECT_EQ(len, 0u);
@@ -85,19 +104,6 @@ std::string deflated(const std::string &text, int level = Z_DEFAULT_COMPRESSION,
     out.resize(z.total_out);
     deflateEnd(&z);
     return out;
-}
-
-// Bytes in 0..143 with few repeats: with fixed codes every one is a literal
-// of exactly eight bits, so input and output bytes alternate one for one.
-std::string eight_bit_literals(size_t n)
-{
-    std::string text;
-    uint32_t x = 12345;
-    for (size_t i = 0; i < n; ++i) {
-        x = x * 1103515245u + 12345u;
-        text.push_back(static_cast<char>((x >> 16) % 144));
-    }
-    return text;
 }
 
 // A gzip stream of one block with fixed codes, written bit by bit: the given
