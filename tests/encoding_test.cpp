@@ -17,8 +17,8 @@ namespace {
 std::string text_of(const unsigned char *bytes, size_t n) { return std::string(reinterpret_cast<const char *>(bytes), n); }
 
 // One and two bytes left over, whole groups, and every byte value; checked
-// against an independent encoder.
-TEST(Base64, BothWays)
+// against an independent encoder; texts the decoder refuses.
+TEST(Base64, BothWaysAndRefusals)
 {
     std::string all;
     for (int i = 0; i < 256; ++i)
@@ -36,12 +36,9 @@ TEST(Base64, BothWays)
     std::memset(broken, '#', sizeof broken);
     EXPECT_EQ(kx_base64_decode("QUJD\r\nQUJD\r\n", broken), 9);
     EXPECT_EQ(text_of(broken, 8), std::string("ABCABC\0#", 8));
-}
 
-TEST(Base64, RefusedTexts)
-{
-    // Three pads, a foreign character, a length not a multiple of 4, a pad
-    // before the last group, data after a pad.
+    // Refused: three pads, a foreign character, a length not a multiple of 4,
+    // a pad before the last group, data after a pad.
     for (const char *text : {"Q===", "QQ=*", "QUJDRA", "QQ==QUJD", "QU=D"}) {
         SCOPED_TRACE(text);
         kxtest::clear_log();

@@ -131,18 +131,13 @@ std::string alternating_to_an_invalid_code(const std::string &literals)
     return out;
 }
 
-std::string flipped(std::string bytes, size_t at, unsigned char bit)
-{
-    bytes[at] = static_cast<char>(bytes[at] ^ bit);
-    return bytes;
-}
-
 struct Stream { const char *name; std::string bytes; };
 
 std::vector<Stream> streams()
 {
     const std::string text = sample_log().substr(0, 1200);
     const std::string gz = deflated(text);
+    auto flipped = [](std::string bytes, size_t at, char bit) { bytes[at] = static_cast<char>(bytes[at] ^ bit); return bytes; };
     static char name[] = "policy.json", extra[] = "xx", comment[] = "kept";
     gz_header header{};
     header.name = reinterpret_cast<Bytef *>(name);
