@@ -74,14 +74,11 @@ TEST(CreateUrl, MadeOrRefused)
         kxtest::clear_log();
         char *url = c.start;
         EXPECT_EQ(c.url ? 0 : -1, KX_SDK_CREATE_URL(c.scheme, c.domain, c.path, c.null_out ? nullptr : &url));
-        if (c.url != nullptr) {
-            EXPECT_STREQ(c.url, url);
-            EXPECT_TRUE(logged("KX_SDK_CREATE_URL", std::string("Get ps8Url is ") + c.url + "\n", kInfo));
+        EXPECT_STREQ(c.url ? c.url : c.start, url);
+        EXPECT_TRUE(c.url ? logged("KX_SDK_CREATE_URL", "Get ps8Url is " + std::string(c.url) + "\n", kInfo)
+                          : logged("KX_SDK_CREATE_URL", c.msg, kError)) << (c.url ? c.url : c.msg);
+        if (c.url != nullptr)
             std::free(url);
-        } else {
-            EXPECT_EQ(c.start, url);
-            EXPECT_EQ(1, kxtest::log_count(std::string("KX_SDK_CREATE_URL(): ") + c.msg, kError)) << c.msg;
-        }
     }
 }
 
@@ -107,7 +104,6 @@ TEST(GlobalInit, StateTable)
         EXPECT_TRUE(logged("KX_GLOBAL_INIT", line, kInfo)) << line;
     EXPECT_EQ(1, bGlobalInited);
     EXPECT_NE(nullptr, gpKey);
-    EXPECT_EQ(nullptr, lwsclient);
 
     EXPECT_EQ(0, KX_GLOBAL_INIT("second.example"));  // silent success, domain kept
     EXPECT_STREQ("first.example", KX_SDK_GET_DOMAIN());

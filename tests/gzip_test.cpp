@@ -22,47 +22,56 @@ std::string sample_log()
     return text;
 }
 
-// The decompressor is held to the walk below; the walk, zlib's own inflate
-// stepped, restores what the compressor packed.
-TEST(Gzip, CompressProducesAGzipStreamThatZlibRestores)
+// Bytes in 0..143 with few repeats: with fixed codes every one is a literal
+// of exactly eight bits, so input and output bytes alternate one for one.
+std::string eight_bit_literals(size_t n)
 {
-    const std::string text = sample_log();
-    std::string packed(text.size() + 64, '\0');
-    uint32_t packed_len = static_cast<uint32_t>(packed.size());
-    ASSERT_EQ(KX_SDK_GZCOMPRESS(text.data(), static_cast<uint32_t>(text.size()), &packed[0], &packed_len), 0);
-    ASSERT_LT(packed_len, text.size());
-    packed.resize(packed_len);
-    EXPECT_EQ(packed.substr(0, 2), "\x1f\x8b");
-    kxtest::GzOutcome unpacked = kxtest::gz_reference(packed, static_cast<uint32_t>(text.size()) + 1);
-    EXPECT_EQ(unpacked.result, 0);
-    EXPECT_EQ(unpacked.out.substr(0, unpacked.outlen), text);
+    std::string text;
+    uint32_t x = 12345;
+    for (size_t i = 0; i < n; ++i) {
+        x = x * 1103515245u + 12345u;
+        text.push_back(static_cast<char>((x >> 16) % 144));
+    }
+    return text;
 }
 
-TEST(Gzip, CompressorWhenOutIsShort)
+// The decompressor is held to the walk below; the walk, zlib's own inflate
+// stepped, restores what the compressor packed. A short out is refused.
+TEST(Gzip, CompressorPacksWhatTheWalkRestoresOrRefuses)
 {
     const std::string text = sample_log();
-    unsigned char none[1];
-    uint32_t len = 0;
-    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), static_cast<uint32_t>(text.size()), none, &len),
-              static_cast<int32_t>(text.size()));
+    const uint32_t size = static_cast<uint32_t>(text.size());
+    std::string packed(text.size() + 64, '\0');
+    uint32_t len = static_cast<uint32_t>(packed.size());
+    ASSERT_EQ(KX_SDK_GZCOMPRESS(text.data(), size, &packed[0], &len), 0);
+    ASSERT_LT(len, text.size());
+    packed.resize(len);
+    EXPECT_EQ(packed.substr(0, 2), "\x1f\x8b");
+    const kxtest::GzOutcome unpacked = kxtest::gz_reference(packed, size + 1);
+    EXPECT_EQ(unpacked.result, 0);
+    EXPECT_EQ(unpacked.out.substr(0, unpacked.outlen), text);
+
+    // Out full while input is left: the count of input bytes deflate has not
+    // taken (all of them when there is no room at all). Too small for the
+    // final block: deflate reports Z_BUF_ERROR.
+    const std::string bulk = eight_bit_literals(100000);
+    std::string room(1000, '\0');
+    len = 1000;
+    const int32_t left = KX_SDK_GZCOMPRESS(bulk.data(), 100000, &room[0], &len);
+    EXPECT_TRUE(left > 0 && left < 100000) << left;
+    len = 0;
+    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), size, &packed[0], &len), static_cast<int32_t>(size));
     EXPECT_EQ(len, 0u);
-
-    // Too small for the final block: deflate reports Z_BUF_ERROR.
-    std::vector<unsigned char> small(20);
-    len = static_cast<uint32_t>(small.size());
+    len = 20;
     kxtest::clear_log();
-    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), static_cast<uint32_t>(text.size()), small.data(), &len), -1);
+    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), size, &packed[0], &len), -1);
     EXPECT_TRUE(kxtest::log_contains("Failed to call deflate with Z_FINISH, err is -5!\n"));
-
-    kxtest::clear_log();
-    EXPECT_EQ(KX_SDK_GZCOMPRESS(nullptr, 10, small.data(), &len), -1);
-    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), 0, small.data(), &len), -1);
+    EXPECT_EQ(KX_SDK_GZCOMPRESS(nullptr, 10, &packed[0], &len), -1);
+    EXPECT_EQ(KX_SDK_GZCOMPRESS(text.data(), 0, &packed[0], &len), -1);
     EXPECT_EQ(kxtest::log_count("KX_SDK_GZCOMPRESS(): Invalid params!\n", kxtest::kError), 2);
 }
 
 // ---- the decompressor against the byte-at-a-time walk ------------------------
-
-namespace walk {
 
 using kxtest::GzOutcome;
 
@@ -97,30 +106,6 @@ std::string deflated(const std::string &text, int level = Z_DEFAULT_COMPRESSION,
     return out;
 }
 
-std::string policy_text(size_t size)
-{
-    std::string text = "{\"resultCode\":0,\"strategies\":[";
-    for (unsigned i = 0; text.size() < size; ++i)
-        text += "{\"module\":\"svc" + std::to_string(i % 97) + "\",\"level\":" + std::to_string(i % 5) +
-                ",\"upload\":" + std::to_string((i * 7919) % 3600) + ",\"keys\":[\"boot\",\"net" +
-                std::to_string(i % 13) + "\"]},";
-    text.resize(size - 2);
-    return text + "]}";
-}
-
-// Bytes in 0..143 with few repeats: with fixed codes every one is a literal
-// of exactly eight bits, so input and output bytes alternate one for one.
-std::string eight_bit_literals(size_t n)
-{
-    std::string text;
-    uint32_t x = 12345;
-    for (size_t i = 0; i < n; ++i) {
-        x = x * 1103515245u + 12345u;
-        text.push_back(static_cast<char>((x >> 16) % 144));
-    }
-    return text;
-}
-
 // A gzip stream of one block with fixed codes, written bit by bit: the given
 // literals (each below 144: an eight-bit code), then the invalid length code
 // 286, so input and output alternate one for one up to an error.
@@ -146,18 +131,13 @@ std::string alternating_to_an_invalid_code(const std::string &literals)
     return out;
 }
 
-std::string flipped(std::string bytes, size_t at, unsigned char bit)
-{
-    bytes[at] = static_cast<char>(bytes[at] ^ bit);
-    return bytes;
-}
-
 struct Stream { const char *name; std::string bytes; };
 
 std::vector<Stream> streams()
 {
     const std::string text = sample_log().substr(0, 1200);
     const std::string gz = deflated(text);
+    auto flipped = [](std::string bytes, size_t at, char bit) { bytes[at] = static_cast<char>(bytes[at] ^ bit); return bytes; };
     static char name[] = "policy.json", extra[] = "xx", comment[] = "kept";
     gz_header header{};
     header.name = reinterpret_cast<Bytef *>(name);
@@ -214,13 +194,16 @@ TEST(GzipWalk, EveryCapacityAndEveryCutGiveTheWalksResult)
 
 TEST(GzipWalk, ALargePolicyAtItsEdges)
 {
-    const std::string text = policy_text(256 * 1024);
+    std::string text; // a policy of 256 KiB
+    for (unsigned i = 0; text.size() < 256 * 1024; ++i)
+        text += kxtest::fmt("{\"module\":\"svc%u\",\"level\":%u,\"upload\":%u,\"keys\":[\"boot\",\"net%u\"]},", i % 97, i % 5,
+                            (i * 7919) % 3600, i % 13);
+    text.resize(256 * 1024);
     const std::string gz = deflated(text);
     int mismatches = 0;
     for (uint32_t capacity : {0u, 1u, 65u, 66u, 67u, 130u, 4096u, 100000u, 262143u, 262144u, 262145u, 300000u})
         expect_same("policy", gz, capacity, &mismatches);
-    for (size_t cut : {size_t(66), size_t(67), size_t(200), gz.size() / 2, gz.size() - 9, gz.size() - 8,
-                       gz.size() - 1})
+    for (size_t cut : {size_t(66), size_t(67), size_t(200), gz.size() / 2, gz.size() - 9, gz.size() - 8, gz.size() - 1})
         for (uint32_t capacity : {262144u, 131072u})
             expect_same("policy cut", gz.substr(0, cut), capacity, &mismatches);
 }
@@ -240,7 +223,5 @@ TEST(GzipWalk, KeptFuzzInputsGiveTheWalksResult)
     }
     EXPECT_GE(files, 10);
 }
-
-}  // namespace walk
 
 }  // namespace

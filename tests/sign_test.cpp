@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <openssl/rsa.h>
 
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <regex>
@@ -21,11 +20,8 @@ const char kSalt[] = "Qm7TzR2bWc9LkXv4+pHsYe1NdGu8Jf3A";
 // The library's view of a test key pair: loaded from its public PEM text.
 struct LoadedKey {
     kxtest::RsaPtr pair;
-    RSA *pub = nullptr;
-    explicit LoadedKey(int bits) : pair(kxtest::generate_rsa(bits))
-    {
-        pub = init_publickey(kxtest::public_pem(pair.get()).c_str());
-    }
+    RSA *pub;
+    explicit LoadedKey(int bits) : pair(kxtest::generate_rsa(bits)), pub(init_publickey(kxtest::public_pem(pair.get()).c_str())) {}
     ~LoadedKey() { destroy_key(pub); }
 };
 
@@ -73,8 +69,7 @@ TEST(Sign, RequestSignatureWithTheBuiltInKey)
     ASSERT_EQ(KX_INIT_PUBLICKEY(), 0);
 
     const char *text = "appKey=a&deviceId=d&randStr=12345678901234567890123456789012&timeStamp=1700000000";
-    char first[512] = {0};
-    char second[512] = {0};
+    char first[512] = {0}, second[512] = {0};
     kxtest::clear_log();
     ASSERT_EQ(KX_SDK_SIGN_CREATE(text, first), 0u);
     ASSERT_EQ(KX_SDK_SIGN_CREATE(text, second), 0u);
@@ -82,9 +77,8 @@ TEST(Sign, RequestSignatureWithTheBuiltInKey)
     EXPECT_EQ(kxtest::open_request_signature(second), kxtest::md5_raw(text));
     // The raw base64 is logged before encoding, the encoded form (no "+", "/" or "=") after.
     EXPECT_EQ(std::strpbrk(first, "+/="), nullptr) << first;
-    std::string raw = kxtest::url_decode(first);
-    EXPECT_EQ(raw.size(), 344u);
-    EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): sSignature is: " + raw + "\n"));
+    EXPECT_EQ(kxtest::url_decode(first).size(), 344u);
+    EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): sSignature is: " + kxtest::url_decode(first) + "\n"));
     EXPECT_TRUE(kxtest::log_contains("KX_SDK_SIGN_CREATE(): sEnSignature is: " + std::string(first) + "\n"));
     EXPECT_EQ(KX_UNINIT_PUBLICKEY(), 0);
 
@@ -101,8 +95,7 @@ TEST(Sign, RequestSignatureWithTheBuiltInKey)
 TEST(Verify, AnswerSignatureOverMd5)
 {
     LoadedKey key(1024);
-    std::string data = "{\"code\":0,\"msg\":\"ok\"}";
-    std::string sig = kxtest::server_signature(data, key.pair.get());
+    std::string data = "{\"code\":0,\"msg\":\"ok\"}", sig = kxtest::server_signature(data, key.pair.get());
     EXPECT_EQ(kxtvverify(data.data(), data.size(), sig.c_str(), sig.size(), key.pub), 0);
 
     kxtest::clear_log();
