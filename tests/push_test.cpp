@@ -19,6 +19,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kx_cloud_openapi.h"
@@ -114,14 +115,6 @@ struct Event {
     uint32_t tid = gettid_now();
 };
 
-struct Session;
-
-/* The application's record, followed by the session its callbacks report to. */
-struct Channel {
-    lws_channel_t channel;
-    Session *session;
-};
-
 /* One push connection to `server`, torn down with the test; the log starts
  * afresh with it. */
 struct Session {
@@ -140,9 +133,8 @@ struct Session {
     }
     void disconnect()
     {
-        if (client != nullptr)
-            lws_disconnect(client);
-        client = nullptr;
+        if (lws_client_t *was = std::exchange(client, nullptr))
+            lws_disconnect(was);
     }
     int record(Event e)
     {
@@ -161,20 +153,20 @@ struct Session {
 
     WssServer &server;
     const std::string address = server.address(); /* the library keeps the pointer */
-    Channel c{};
+    /* The application's record, followed by the session its callbacks report to. */
+    struct { lws_channel_t channel; Session *session; } c{{}, this};
     lws_channel_t &channel = c.channel;
     lws_client_t *client = nullptr;
-    void (*hook)(Session &) = nullptr; /* run once by the next on_message */
+    void (*hook)(Session &) = nullptr; /* run by on_message */
     std::mutex mutex;
     std::vector<Event> all;
 };
 
-Session &of(lws_channel_t *channel) { return *reinterpret_cast<Channel *>(channel)->session; }
+Session &of(lws_channel_t *channel) { return *reinterpret_cast<decltype(Session::c) *>(channel)->session; }
 
 Session::Session(WssServer &server_, int32_t heartbeat_interval) : server(server_)
 {
     kxtest::clear_log();
-    c.session = this;
     channel.heartbeat_interval = heartbeat_interval;
     channel.heartbeat_max_missed = 3;
     channel.on_established = [](auto, lws_channel_t *ch, auto, auto, int reason) { return of(ch).record({"established", reason}); };
@@ -197,7 +189,6 @@ Session::Session(WssServer &server_, int32_t heartbeat_interval) : server(server
 TEST(Push, ConnectsOnItsOwnThreadAndDisconnectJoinsItAtOnceLeavingNothing)
 {
     WssServer server;
-    ASSERT_NE(server.port(), 0);
     Session s(server, 2); /* a heartbeat pending, which the disconnect does not wait for */
     ASSERT_TRUE(s.open(2000));
 
@@ -247,7 +238,7 @@ TEST(Push, ConnectsOnItsOwnThreadAndDisconnectJoinsItAtOnceLeavingNothing)
     EXPECT_TRUE(server.wait_for([&] { return server.open_connections() == 0; }, kWait));
 }
 
-TEST(Push, RefusalsAThreadThatCannotStartAndANegativeLoopCycleServeNothing)
+TEST(Push, NothingIsServedWhenRefusedWhenTheThreadCannotStartWithANegativeLoopCycleOrAnotherCa)
 {
     WssServer server;
     lws_channel_t channel{};
@@ -291,19 +282,18 @@ TEST(Push, RefusalsAThreadThatCannotStartAndANegativeLoopCycleServeNothing)
     EXPECT_EQ(once.count("established"), 0);
     EXPECT_EQ(once.client->context, nullptr);
     EXPECT_EQ(queue(once.client, "nobody", 1), 0);
-}
+    once.disconnect(); /* joined: none of its lines comes after the next session's start */
 
-TEST(Push, CertificateFromAnUnknownCaIsRefused)
-{
-    WssServer server({"other_server"});
-    Session s(server);
-    ASSERT_NE(s.connect(), nullptr);
-    ASSERT_TRUE(wait_until([&] { return s.count("closed") > 0; }));
+    /* A server whose certificate comes from another CA is refused. */
+    WssServer foreign({"other_server"});
+    Session refused(foreign);
+    ASSERT_NE(refused.connect(), nullptr);
+    ASSERT_TRUE(wait_until([&] { return refused.count("closed") > 0; }));
     EXPECT_EQ(kxtest::log_count("lws_protocol_0_callback(): LWS_CALLBACK_CLIENT_CONNECTION_ERROR\n", kxtest::kError), 1);
-    EXPECT_EQ(s.count("established"), 0);
-    EXPECT_EQ(s.events("closed").back().reason, LWS_CALLBACK_WSI_DESTROY);
-    EXPECT_TRUE(server.wait_for([&] { return server.tls_failures() == 1; }, kWait));
-    EXPECT_EQ(server.connections(), 0) << "no WebSocket handshake over a refused TLS session";
+    EXPECT_EQ(refused.count("established"), 0);
+    EXPECT_EQ(refused.events("closed").back().reason, LWS_CALLBACK_WSI_DESTROY);
+    EXPECT_TRUE(foreign.wait_for([&] { return foreign.tls_failures() == 1; }, kWait));
+    EXPECT_EQ(foreign.connections(), 0) << "no WebSocket handshake over a refused TLS session";
 }
 
 /* ---- receiving and acknowledging ---------------------------------------- */
@@ -354,35 +344,27 @@ TEST(Push, AckIsRetriedSixTimesWhileLockedThenOnlyATopLevelIdIsAckedBeforeTheTex
     EXPECT_EQ(s.channel.write_protocol, LWS_WRITE_TEXT) << "kept after the send";
 }
 
-TEST(Push, WithoutOnMessageNothingIsAcknowledged)
-{
-    WssServer server;
-    Session s(server);
-    s.channel.on_message = nullptr;
-    ASSERT_TRUE(s.open());
-    ASSERT_TRUE(server.send_text("{\"id\":21}"));
-    ASSERT_TRUE(wait_log("Rx: {\"id\":21}"));
-    /* A frame the application sends afterwards arrives alone. */
-    ASSERT_EQ(queue(s.client, "after", 1), 0);
-    EXPECT_EQ(texts(server, 1), std::vector<std::string>{"after"});
-    EXPECT_FALSE(log_contains("decodeMessage"));
-}
+/* ---- sending and closing ------------------------------------------------ */
 
-/* ---- sending ------------------------------------------------------------ */
-
-TEST(Push, FramesFromTheApplicationLastQueuedWinsWokenOrOnTheNextTurn)
+TEST(Push, LastQueuedFrameWinsWokenOrOnTheNextTurnWithoutOnMessageNoAckAndAServerCloseIsFinal)
 {
     WssServer server;
     Session s(server);
     ASSERT_TRUE(s.open(200));
-    /* Two frames queued on the service thread, which cannot write in between. */
+    /* Two frames queued on the service thread, which cannot write in
+     * between; then the application drops its on_message (on that thread,
+     * which alone reads it). */
     s.hook = [](Session &t) {
         fire_writable_out(t.client, strdup("first"), 5, LWS_WRITE_TEXT, 0);
         fire_writable_out(t.client, strdup("second"), 6, LWS_WRITE_TEXT, 1);
-        t.hook = nullptr;
+        t.channel.on_message = nullptr;
     };
     ASSERT_TRUE(server.send_text("queue two"));
     EXPECT_EQ(texts(server, 1), std::vector<std::string>{"second"});
+    /* Without on_message a message is logged, neither decoded nor acknowledged. */
+    ASSERT_TRUE(server.send_text("{\"id\":21}"));
+    ASSERT_TRUE(wait_log("Rx: {\"id\":21}"));
+    EXPECT_EQ(log_matching("decodeMessage").size(), 1u) << "only \"queue two\", which is not JSON";
     /* Woken from the application's thread: at once, and nothing else was waiting. */
     ASSERT_EQ(queue(s.client, "woken", 1), 0);
     EXPECT_EQ(texts(server, 2), (std::vector<std::string>{"second", "woken"}));
@@ -393,6 +375,24 @@ TEST(Push, FramesFromTheApplicationLastQueuedWinsWokenOrOnTheNextTurn)
     ASSERT_EQ(queue(s.client, "app-ping", 0, LWS_WRITE_PING), 0);
     ASSERT_TRUE(server.wait_for([&] { return server.count(kxcloud::kWsPing) == 1; }, kWait));
     EXPECT_EQ(server.frames(kxcloud::kWsPing)[0].payload, "app-ping");
+
+    /* The server closes: on_closed, and nothing reconnects. */
+    ASSERT_TRUE(server.close(1000, "bye"));
+    ASSERT_TRUE(wait_until([&] { return s.count("closed") == 2; }));
+    auto closed = s.events("closed");
+    EXPECT_EQ(closed[0].reason, LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER) << "called while the handshake is written";
+    EXPECT_EQ(closed[1].reason, LWS_CALLBACK_WSI_DESTROY);
+    EXPECT_EQ(closed[1].tid, s.channel.service_tid);
+    EXPECT_TRUE(log_contains("lws_protocol_0_callback(): def_callback : 75\n")) << "the client's own close reason";
+    ASSERT_TRUE(server.wait_for([&] { return server.count(kxcloud::kWsClose) == 1; }, kWait));
+    EXPECT_EQ(server.frames(kxcloud::kWsClose)[0].payload, std::string("\x03\xe8" "bye", 5)) << "the server's close echoed";
+    /* The service loop goes on turning, and never connects again. */
+    const size_t turns = log_matching("*************loop_cycle*200").size();
+    ASSERT_TRUE(wait_log("*************loop_cycle*200", turns + 5));
+    EXPECT_EQ(server.connections(), 1);
+    EXPECT_EQ(log_matching("addr_port:").size(), 1u);
+    /* Sending into a closed channel is queued and goes nowhere. */
+    EXPECT_EQ(queue(s.client, "late", 1), 0);
 }
 
 TEST(Push, QueuingResultsAndTheLock)
@@ -491,32 +491,6 @@ TEST(Push, HeartbeatPingsOnItsPeriodAndMissedPongsCallTheTimeoutFromTheFourthTic
         missed.push_back(e.missed);
     /* A tick may have come between the second timeout and the pong. */
     EXPECT_EQ(missed, (missed.size() == 4 ? std::vector<int>{3, 4, 5, 3} : std::vector<int>{3, 4, 3}));
-}
-
-/* ---- closing ------------------------------------------------------------ */
-
-TEST(Push, ServerCloseReachesOnClosedAndNothingReconnects)
-{
-    WssServer server;
-    Session s(server);
-    ASSERT_TRUE(s.open());
-    ASSERT_TRUE(server.close(1000, "bye"));
-    ASSERT_TRUE(wait_until([&] { return s.count("closed") == 2; }));
-    auto closed = s.events("closed");
-    EXPECT_EQ(closed[0].reason, LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER) << "called while the handshake is written";
-    EXPECT_EQ(closed[1].reason, LWS_CALLBACK_WSI_DESTROY);
-    EXPECT_EQ(closed[1].tid, s.channel.service_tid);
-    EXPECT_TRUE(log_contains("lws_protocol_0_callback(): def_callback : 75\n")) << "the client's own close reason";
-    ASSERT_TRUE(server.wait_for([&] { return server.count(kxcloud::kWsClose) == 1; }, kWait));
-    EXPECT_EQ(server.frames(kxcloud::kWsClose)[0].payload, std::string("\x03\xe8" "bye", 5)) << "the server's close echoed";
-
-    /* The service loop goes on turning, and never connects again. */
-    const size_t turns = log_matching("*************loop_cycle*100").size();
-    ASSERT_TRUE(wait_log("*************loop_cycle*100", turns + 5));
-    EXPECT_EQ(server.connections(), 1);
-    EXPECT_EQ(log_matching("addr_port:").size(), 1u);
-    /* Sending into a closed channel is queued and goes nowhere. */
-    EXPECT_EQ(queue(s.client, "late", 1), 0);
 }
 
 }  // namespace
