@@ -42,13 +42,6 @@ struct Call {
     const KX_SDK_HTTP_HEADER_S *h() const { return headers.empty() ? nullptr : headers.data(); } /* none: null */
 };
 
-size_t to_stream(char *ptr, size_t size, size_t nmemb, void *stream)
-{
-    return fwrite(ptr, size, nmemb, static_cast<FILE *>(stream));
-}
-
-int no_progress(void *, double, double, double, double) { return 0; }
-
 enum Sink { kFile, kData, kLarge };
 
 struct Member {
@@ -225,14 +218,8 @@ TEST_F(Transport, TotalLimitEndsATricklingAnswer)
 
 /* ---- TLS sessions kept between calls ---- */
 
-kxcloud::Options tls_only(const char *cert = "server", int port = 0)
-{
-    kxcloud::Options options;
-    options.http80 = false;
-    options.cert = cert;
-    options.https_port = port;
-    return options;
-}
+/* A cloud of its own, TLS only, with this certificate, on this port (0: any). */
+kxcloud::Options tls_only(const char *cert = "server", int port = 0) { return {true, false, port, cert}; }
 
 /* Whether each TLS request the cloud saw resumed a session, in order. */
 std::vector<bool> resumed(const Cloud &cloud)
@@ -260,7 +247,9 @@ TEST_F(Transport, LaterCallsResumeTheFirstCallsSessionAndANewServerIsCheckedInFu
             expected.push_back(KX_TEST_CURL_SHARE);
         }
         const std::string url = "https://" + fresh.https_domain() + "/s";
-        EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(url.c_str(), tmpfile(), 0, to_stream, no_progress)); /* closes it */
+        auto to_file = [](char *p, size_t n, size_t k, void *f) { return fwrite(p, n, k, static_cast<FILE *>(f)); };
+        auto no_progress = [](void *, double, double, double, double) { return 0; };
+        EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(url.c_str(), tmpfile(), 0, to_file, no_progress)); /* closes it */
         EXPECT_EQ(expected, resumed(fresh)); /* each on a connection of its own */
     }
     /* Whoever answers there next cannot take up that session: its
