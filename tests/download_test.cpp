@@ -43,10 +43,6 @@ protected:
         cloud.reply("GET", "/image", image);
     }
     std::string https(const std::string &path) { return "https://" + cloud.https_domain() + path; }
-    int32_t download(const std::string &path, FILE *f, int32_t offset, int32_t mark)
-    {
-        return KX_SDK_DownloadFileByCurl_Mark(https(path).c_str(), f, offset, to_stream, note_progress, mark);
-    }
 };
 
 TEST_F(Download, RefusedArgumentsLeaveTheStreamToTheCallerAndACallFollowsARedirectClosesItAndResumes)
@@ -79,7 +75,8 @@ TEST_F(Download, RefusedArgumentsLeaveTheStreamToTheCallerAndACallFollowsARedire
     const bool may_mark = setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) == 0;
     close(fd);
     ASSERT_EQ(0, truncate(kPath, 20000));
-    EXPECT_EQ(0, download("/image", fopen(kPath, "ab"), 20000, may_mark ? 100 : -1));
+    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl_Mark(https("/image").c_str(), fopen(kPath, "ab"), 20000, to_stream, note_progress,
+                                                may_mark ? 100 : -1));
     EXPECT_EQ("bytes=20000-", cloud.last().header("Range"));
     EXPECT_EQ(20000, g_progress_offset);
     EXPECT_EQ(image.body, file_text(kPath));
@@ -108,7 +105,8 @@ TEST_F(Download, StallEndsWithTheTimeoutCode)
     image.stall_after = 1000;
     image.stall_ms = 75000; /* longer than the 60 s stall limit */
     cloud.reply("GET", "/stall", image);
-    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, download("/stall", fopen(kPath, "wb"), 0, -1));
+    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT,
+              KX_SDK_DownloadFileByCurl_Mark(https("/stall").c_str(), fopen(kPath, "wb"), 0, to_stream, note_progress, -1));
     EXPECT_EQ(image.body.substr(0, 1000), file_text(kPath));
     EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 28.\n"));
 }
