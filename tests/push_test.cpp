@@ -189,8 +189,8 @@ Session::Session(WssServer &server_, int32_t heartbeat_interval) : server(server
 TEST(Push, ConnectsOnItsOwnThreadAndDisconnectJoinsItAtOnceLeavingNothing)
 {
     WssServer server;
-    Session s(server, 2); /* a heartbeat pending, which the disconnect does not wait for */
-    ASSERT_TRUE(s.open(2000));
+    Session s(server, 10); /* a heartbeat pending, which the disconnect does not wait for */
+    ASSERT_TRUE(s.open(10000));
 
     const std::string host = "127.0.0.1:" + std::to_string(server.port());
     auto hs = server.handshakes();
@@ -214,18 +214,19 @@ TEST(Push, ConnectsOnItsOwnThreadAndDisconnectJoinsItAtOnceLeavingNothing)
     for (const std::string &line : {std::string("lws_connect(): begin to connect wss\n"), service + "lws_create_context success.\n",
                                     service + "lws_service_thread_func pid: " + std::to_string(getpid()) + " tid " +
                                         std::to_string(tid) + " \n",
-                                    service + "addr_port: " + host + "\n", service + "loop_cycle: 2000\n",
+                                    service + "addr_port: " + host + "\n", service + "loop_cycle: 10000\n",
                                     callback + "LWS_CALLBACK_PROTOCOL_INIT\n", callback + "Connected to server\n"})
         EXPECT_TRUE(log_contains(line)) << line;
-    EXPECT_TRUE(wait_log("lws_service_thread_func(): *************loop_cycle*2000 "));
+    EXPECT_TRUE(wait_log("lws_service_thread_func(): *************loop_cycle*10000 "));
 
-    /* The stop wakes the service thread: joined within one service period,
-     * gone from the task list at once natively, within moments under
-     * qemu-arm (the emulator tells the joiner before its host thread ends). */
+    /* The stop wakes the service thread: joined long before its next turn
+     * or heartbeat (10 s), gone from the task list at once natively, within
+     * moments under qemu-arm (the emulator tells the joiner before its host
+     * thread ends). */
     const int threads = thread_count();
     const auto started = std::chrono::steady_clock::now();
     s.disconnect();
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 2000ms) << "within one service period (2000 ms)";
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5000ms) << "woken, not left to its next turn";
     EXPECT_TRUE(wait_until([&] { return thread_count() == threads - 1; }));
     /* The context was destroyed on the service thread, which closed the
      * connection and told the application before the join returned. */
@@ -321,7 +322,7 @@ TEST(Push, AckIsRetriedSixTimesWhileLockedThenOnlyATopLevelIdIsAckedBeforeTheTex
                                            "{\"msgType\":\"notice\",\"id\":12,\"text\":\"hello\"}"};
     for (size_t i = 1; i < sent.size(); ++i)
         ASSERT_TRUE(server.send_text(sent[i]));
-    EXPECT_EQ(texts(server, 1), std::vector<std::string>{ack_of(12)});
+    ASSERT_EQ(texts(server, 1), std::vector<std::string>{ack_of(12)});
     EXPECT_TRUE(server.frames(kxcloud::kWsText)[0].fin);
 
     ASSERT_TRUE(wait_until([&] { return s.count("message") == 5; }));
