@@ -25,7 +25,7 @@ using kxtest::stream_text;
 
 namespace {
 
-/* Everything one call may need; each member takes its part. */
+/* Everything one call may need; each member takes what it uses. */
 struct Call {
     std::string url, body = std::string("k=v&\0x", 6); /* the length, not the NUL, ends the body */
     kxtest::Stream file;
