@@ -21,10 +21,7 @@ namespace {
 const char *kPath = "/tmp/kx_download_test.bin";
 int32_t g_progress_offset = -2; /* what the progress callback was pointed at */
 
-size_t to_stream(char *ptr, size_t size, size_t nmemb, void *stream)
-{
-    return fwrite(ptr, size, nmemb, static_cast<FILE *>(stream));
-}
+size_t to_stream(char *ptr, size_t size, size_t nmemb, void *stream) { return fwrite(ptr, size, nmemb, static_cast<FILE *>(stream)); }
 
 int note_progress(void *clientp, double, double, double, double)
 {
@@ -46,51 +43,44 @@ protected:
         cloud.reply("GET", "/image", image);
     }
     std::string https(const std::string &path) { return "https://" + cloud.https_domain() + path; }
-    int32_t download(const std::string &path, FILE *f, int32_t offset, int32_t mark)
-    {
-        return KX_SDK_DownloadFileByCurl_Mark(https(path).c_str(), f, offset, to_stream, note_progress, mark);
-    }
 };
 
-TEST_F(Download, FollowsARedirectClosesTheStreamAndResumesOnAMarkedSocket)
+TEST_F(Download, RefusedArgumentsLeaveTheStreamToTheCallerAndACallFollowsARedirectClosesItAndResumes)
 {
+    FILE *f = fopen(kPath, "wb");
+    int fd = fileno(f);
+    const std::string old = https("/old");
+    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(nullptr, f, 0, to_stream, note_progress));
+    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(old.c_str(), nullptr, 0, to_stream, note_progress));
+    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(old.c_str(), f, 0, nullptr, note_progress));
+    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(old.c_str(), f, 0, to_stream, nullptr));
+    EXPECT_EQ(4, kxtest::log_count("KX_SDK_DownloadFileByCurl_Mark(): invalid arg!\n", kxtest::kError));
+    EXPECT_TRUE(cloud.requests().empty());
+    EXPECT_NE(-1, fcntl(fd, F_GETFD)) << "still open, still the caller's";
+
     Reply moved;
     moved.redirect_to = https("/image");
     cloud.reply("GET", "/old", moved);
-    FILE *f = fopen(kPath, "wb");
-    int fd = fileno(f);
-    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(https("/old").c_str(), f, 0, to_stream, note_progress));
+    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl(old.c_str(), f, 0, to_stream, note_progress));
     EXPECT_EQ(-1, fcntl(fd, F_GETFD)); /* closed by the call */
     EXPECT_EQ(EBADF, errno);
     EXPECT_EQ(image.body, file_text(kPath));
     EXPECT_EQ(0, g_progress_offset);
     EXPECT_EQ("/image", cloud.last().path);
-    EXPECT_TRUE(log_contains("(): ps8Url:" + https("/old") + ", res = 0.\n"));
+    EXPECT_TRUE(log_contains("(): ps8Url:" + old + ", res = 0.\n"));
 
     /* The caller appends from what it holds; the progress callback sees the offset. */
-    fd = socket(AF_INET, SOCK_STREAM, 0);
     int mark = 1;
-    bool may_mark = setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) == 0;
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    const bool may_mark = setsockopt(fd, SOL_SOCKET, SO_MARK, &mark, sizeof mark) == 0;
     close(fd);
     ASSERT_EQ(0, truncate(kPath, 20000));
-    EXPECT_EQ(0, download("/image", fopen(kPath, "ab"), 20000, may_mark ? 100 : -1));
+    EXPECT_EQ(0, KX_SDK_DownloadFileByCurl_Mark(https("/image").c_str(), fopen(kPath, "ab"), 20000, to_stream, note_progress,
+                                                may_mark ? 100 : -1));
     EXPECT_EQ("bytes=20000-", cloud.last().header("Range"));
     EXPECT_EQ(20000, g_progress_offset);
     EXPECT_EQ(image.body, file_text(kPath));
     EXPECT_EQ(may_mark, log_contains("sockopt_callback(): Mark: 100\n"));
-}
-
-TEST_F(Download, RefusedArgumentsLeaveTheStreamToTheCaller)
-{
-    FILE *f = fopen(kPath, "wb");
-    std::string url = https("/image");
-    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(nullptr, f, 0, to_stream, note_progress));
-    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(url.c_str(), nullptr, 0, to_stream, note_progress));
-    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(url.c_str(), f, 0, nullptr, note_progress));
-    EXPECT_EQ(-1, KX_SDK_DownloadFileByCurl(url.c_str(), f, 0, to_stream, nullptr));
-    EXPECT_EQ(4, kxtest::log_count("KX_SDK_DownloadFileByCurl_Mark(): invalid arg!\n", kxtest::kError));
-    EXPECT_EQ(0, fclose(f)); /* still open, still the caller's */
-    EXPECT_TRUE(cloud.requests().empty());
 }
 
 TEST_F(Download, ProbeGivesTheStatedLengthOrMinusOne)
@@ -115,7 +105,8 @@ TEST_F(Download, StallEndsWithTheTimeoutCode)
     image.stall_after = 1000;
     image.stall_ms = 75000; /* longer than the 60 s stall limit */
     cloud.reply("GET", "/stall", image);
-    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, download("/stall", fopen(kPath, "wb"), 0, -1));
+    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT,
+              KX_SDK_DownloadFileByCurl_Mark(https("/stall").c_str(), fopen(kPath, "wb"), 0, to_stream, note_progress, -1));
     EXPECT_EQ(image.body.substr(0, 1000), file_text(kPath));
     EXPECT_TRUE(log_contains("Failed to call curl_easy_perform, error code is 28.\n"));
 }
