@@ -238,7 +238,7 @@ TEST_F(CloudSelfTest, FaultOptionsChangeWhateverTheRouteAnswers)
     std::string tampered = json;
     tampered.replace(tampered.find("12"), 2, "13");
     struct Case {
-        std::vector<const char *> specs;
+        std::vector<const char *> options;
         CURLcode code;
         long status, at_least_ms;
         std::string body;
@@ -253,12 +253,12 @@ TEST_F(CloudSelfTest, FaultOptionsChangeWhateverTheRouteAnswers)
         {{"status=/other:500"}, CURLE_OK, 200, 0, json},
     };
     for (const Case &k : cases) {
-        SCOPED_TRACE(k.specs[0]);
+        SCOPED_TRACE(k.options[0]);
         cloud().reset();
         cloud().reply("POST", "/f", Reply{200, json, "application/json"});
-        for (const char *spec : k.specs) {
+        for (const char *option : k.options) {
             kxcloud::Fault fault;
-            ASSERT_TRUE(kxcloud::parse_fault(spec, fault)) << fault.said;
+            ASSERT_TRUE(kxcloud::parse_fault(option, fault)) << fault.said;
             cloud().alter(fault.path, fault.change);
         }
         Fetched f = fetch(url("/f"), Ask{"POST", "a=1"});

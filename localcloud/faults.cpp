@@ -57,20 +57,20 @@ std::string tampered(std::string body)
     return body;
 }
 
-bool parse_fault(const std::string &spec, Fault &out)
+bool parse_fault(const std::string &option, Fault &out)
 {
     std::string &said = out.said;
-    const size_t eq = spec.find('=');
-    const std::string name = spec.substr(0, eq);
+    const size_t eq = option.find('=');
+    const std::string name = option.substr(0, eq);
     const Kind *fault = nullptr;
     for (const Kind &k : kKinds)
         if (name == k.name)
             fault = &k;
-    if (fault == nullptr || eq == std::string::npos || eq + 1 == spec.size()) {
-        said = "not a fault: \"" + spec + "\" (stall=PATH[:SECONDS], drop=PATH[:BYTES], tamper=PATH, status=PATH:CODE)";
+    if (fault == nullptr || eq == std::string::npos || eq + 1 == option.size()) {
+        said = "not a fault: \"" + option + "\" (stall=PATH[:SECONDS], drop=PATH[:BYTES], tamper=PATH, status=PATH:CODE)";
         return false;
     }
-    std::string path = spec.substr(eq + 1);
+    std::string path = option.substr(eq + 1);
     long value = fault->fallback;
     const size_t colon = path.find(':');
     if (colon != std::string::npos) {
@@ -79,15 +79,15 @@ bool parse_fault(const std::string &spec, Fault &out)
         value = std::strtol(number.c_str(), &rest, 10);
         path.erase(colon);
         if (!fault->takes_value || number.empty() || *rest != '\0' || value < fault->low || value > fault->high) {
-            said = "bad value in \"" + spec + "\"";
+            said = "bad value in \"" + option + "\"";
             return false;
         }
     } else if (fault->needs_value) {
-        said = "\"" + spec + "\" needs a value after the path";
+        said = "\"" + option + "\" needs a value after the path";
         return false;
     }
     if (path != "*" && path[0] != '/') {
-        said = "a path starts with \"/\" (or is \"*\"): \"" + spec + "\"";
+        said = "a path starts with \"/\" (or is \"*\"): \"" + option + "\"";
         return false;
     }
     void (*apply)(Reply &, long) = fault->apply;

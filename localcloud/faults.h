@@ -36,7 +36,7 @@ struct Fault {
 };
 
 /* Reads one fault written as above; false when the text is not one. */
-bool parse_fault(const std::string &spec, Fault &fault);
+bool parse_fault(const std::string &option, Fault &fault);
 
 /* The tampered answer: its last decimal digit before the signature (the
  * signatureServer element or member) goes up by one, 9 becoming 0, which
