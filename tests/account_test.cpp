@@ -33,7 +33,6 @@ using kxtest::file_text;
 using kxtest::logged;
 using kxtest::route;
 
-using kxcloud::Cloud;
 
 /* appSecret opened independently with pair A; "" when it does not decrypt. */
 std::string open_secret(const std::string &hex) { return kxtest::aes_decrypt('A', kxtest::hex_decode(hex)); }
@@ -139,24 +138,9 @@ std::vector<JsonCall> json_calls()
     };
 }
 
-class Account : public ::testing::Test {
+class Account : public kxtest::CloudSuite<kxcloud::register_device_services> {
 protected:
-    Cloud &cloud = Cloud::shared();
-    std::string domain;
     char result[16384] = {};
-
-    void SetUp() override
-    {
-        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
-        fresh();
-        domain = cloud.https_domain();
-    }
-    void fresh()
-    {
-        cloud.reset();
-        kxcloud::register_device_services(cloud);
-        kxtest::clear_log();
-    }
 };
 
 /* ---- every call: refusals before any traffic ---------------------------------- */

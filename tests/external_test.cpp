@@ -22,7 +22,6 @@
 
 namespace {
 
-using kxcloud::Cloud;
 using kxtest::kError;
 using kxtest::kInfo;
 using kxtest::logged;
@@ -74,21 +73,8 @@ struct Fetch {
     }
 };
 
-class External : public ::testing::Test {
+class External : public kxtest::CloudSuite<kxcloud::register_external_services> {
 protected:
-    Cloud &cloud = Cloud::shared();
-
-    void SetUp() override
-    {
-        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
-        fresh();
-    }
-    void fresh()
-    {
-        cloud.reset();
-        kxcloud::register_external_services(cloud);
-        kxtest::clear_log();
-    }
     /* A fetch of `path` on the plain or secure listener; a GET's URL ends in "?", ready for its body. */
     Fetch fetch(Entry entry, bool http, bool get, int32_t sign, const std::string &path = kxcloud::kExternalEchoPath)
     {

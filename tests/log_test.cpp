@@ -25,7 +25,6 @@ using kxtest::Stream;
 using kxtest::logged;
 using kxtest::route;
 
-using kxcloud::Cloud;
 
 /* A line of `call` at the information level whose message is exactly `message`. */
 bool info(const std::string &call, const std::string &message) { return logged(call, message, kxtest::kInfo); }
@@ -74,24 +73,10 @@ const KX_LOG_POLICY_REQ_S kPolicyReq = {0, 0, 5, 2, 0, 0, 0, 0, "AT-1"};
 const KX_LOG_ALL_POLICY_REQ_S kAllReq = {0, 0, 0, 0, 1077, 0, "DE", "BR", 0, "DEV-1", "12", "CAP", "9.0"};
 const KX_UPGRADE_EVENT_S kEvent = {"ext-info", 0, 3, 1, "V8.1", "AT-1", "EV-42"};
 
-class Log : public ::testing::Test {
+class Log : public kxtest::CloudSuite<kxcloud::register_log_services> {
 protected:
-    Cloud &cloud = Cloud::shared();
-    std::string domain;
     KX_LOG_SERVICE_LIST_S list{};
 
-    void SetUp() override
-    {
-        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
-        fresh();
-        domain = cloud.https_domain();
-    }
-    void fresh()
-    {
-        cloud.reset();
-        kxcloud::register_log_services(cloud);
-        kxtest::clear_log();
-    }
     std::string upload_url(bool plain, const std::string &query = "?device=DEV-1")
     {
         return (plain ? "http://" + cloud.http_domain() + ":80" : "https://" + domain) + "/log/upload" + query;

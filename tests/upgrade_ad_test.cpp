@@ -24,7 +24,6 @@ using kxtest::Stream;
 using kxtest::logged;
 using kxtest::route;
 
-using kxcloud::Cloud;
 
 constexpr const char *kNoPort80 = "port 80 needs the private network namespace";
 
@@ -101,26 +100,11 @@ std::vector<AnyCall> every_call()
     };
 }
 
-class UpgradeAd : public ::testing::Test {
+class UpgradeAd : public kxtest::CloudSuite<kxcloud::register_upgrade_ad_services> {
 protected:
-    Cloud &cloud = Cloud::shared();
-    std::string https_domain;
-
-    void SetUp() override
-    {
-        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
-        fresh();
-        https_domain = cloud.https_domain();
-    }
-    void fresh()
-    {
-        cloud.reset();
-        kxcloud::register_upgrade_ad_services(cloud);
-        kxtest::clear_log();
-    }
     /* The guide is always reached over plain HTTP on port 80. */
     bool no_port80() const { return !cloud.http_ready(); }
-    std::string domain(uint32_t http) const { return http == 1 ? cloud.http_domain() : https_domain; }
+    std::string domain_of(uint32_t http) const { return http == 1 ? cloud.http_domain() : domain; }
 };
 
 /* ---- refusals ------------------------------------------------------------------- */
@@ -136,7 +120,7 @@ TEST_F(UpgradeAd, ArgumentsAreCheckedBeforeTheInitialisation)
             for (size_t i = 0; i < c.bad.size() + (initialised ? 0 : 1); ++i) {
                 const bool good = i == c.bad.size();
                 kxtest::clear_log();
-                EXPECT_EQ((good ? c.run : c.bad[i])(0, https_domain.c_str(), &stream.f), -1) << c.name << " case " << i;
+                EXPECT_EQ((good ? c.run : c.bad[i])(0, domain.c_str(), &stream.f), -1) << c.name << " case " << i;
                 EXPECT_TRUE(logged(c.name, good ? "please firstly to call KX_GLOBAL_INIT()!\n" : "invalid arg!\n"))
                     << c.name << " case " << i << (initialised ? "" : " (not initialised)");
                 EXPECT_FALSE(kxtest::log_contains(good ? "invalid arg!" : "please firstly")) << c.name << " case " << i;
@@ -188,7 +172,7 @@ TEST_F(UpgradeAd, UpgradeChecksPostTheirBodiesWithExactlyTheOptionalKeysGiven)
             SCOPED_TRACE(c.body + (http == 1 ? " over http" : " over https"));
             fresh();
             Stream stream;
-            ASSERT_EQ(c.run(http, domain(http).c_str(), &stream.f), 0);
+            ASSERT_EQ(c.run(http, domain_of(http).c_str(), &stream.f), 0);
             EXPECT_EQ(route(cloud.last()), std::string(http == 1 ? "http" : "https") + " POST " + c.path);
             EXPECT_EQ(cloud.last().body, c.body);
         }
@@ -211,7 +195,7 @@ TEST_F(UpgradeAd, FailedTransfersAndAnswersThatDoNotVerifyEndEachCallInItsOwnWor
                 cloud.reply("*", c.path, reply);
                 kxtest::clear_log();
                 Stream stream;
-                EXPECT_EQ(c.run(http, domain(http).c_str(), &stream.f), -1);
+                EXPECT_EQ(c.run(http, domain_of(http).c_str(), &stream.f), -1);
                 EXPECT_TRUE(logged(c.name, reply.status == 404 ? c.transfer_failure : c.verify_failure));
                 EXPECT_EQ(kxtest::log_contains("s32FileSize"), reply.status != 404) << "verified";
                 EXPECT_EQ(stream.text(), "");

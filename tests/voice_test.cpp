@@ -33,7 +33,6 @@ using kxtest::fmt;
 using kxtest::file_text;
 using kxtest::logged;
 
-using kxcloud::Cloud;
 
 using Values = std::map<std::string, std::string>;
 
@@ -317,23 +316,14 @@ std::vector<Row> rows()
     };
 }
 
-class Voice : public ::testing::Test {
+class Voice : public kxtest::CloudSuite<kxcloud::register_voice_services> {
 protected:
-    Cloud &cloud = Cloud::shared();
-    std::string domain;
     char result[65536] = {};
 
-    void SetUp() override
-    {
-        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
-        fresh();
-        domain = cloud.https_domain();
-    }
+    /* Between rows the result buffer is emptied too. */
     void fresh()
     {
-        cloud.reset();
-        kxcloud::register_voice_services(cloud);
-        kxtest::clear_log();
+        CloudSuite::fresh();
         memset(result, 0, sizeof result);
     }
 };

@@ -1,18 +1,45 @@
 /*
- * Small text helpers the request-call suites share: formatting an expected
- * wire text, a caller's scratch stream, a whole file's bytes, and a recorded
- * request's route ("https POST /aaa/sign_out").
+ * What the request-call suites share: their fixture over the local cloud, and
+ * small text helpers (formatting an expected wire text, a caller's scratch
+ * stream, a whole file's bytes, and a recorded request's route
+ * ("https POST /aaa/sign_out")).
  */
 #ifndef KX_TEST_SUITE_TEXT_H
 #define KX_TEST_SUITE_TEXT_H
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <string>
 
+#include "kx_cloud_openapi.h"
 #include "log_capture.h"
 #include "test_cloud.h"
 
 namespace kxtest {
+
+/* A suite's fixture: the library initialised, and before each test (and at
+ * each fresh()) the shared local cloud emptied and given the services
+ * `Register` adds, and the log cleared. */
+template <void (*Register)(kxcloud::Cloud &)>
+class CloudSuite : public ::testing::Test {
+protected:
+    kxcloud::Cloud &cloud = kxcloud::Cloud::shared();
+    std::string domain; /* the cloud's HTTPS domain */
+
+    void SetUp() override
+    {
+        ASSERT_EQ(KX_GLOBAL_INIT("127.0.0.1"), 0);
+        fresh();
+        domain = cloud.https_domain();
+    }
+    void fresh()
+    {
+        cloud.reset();
+        Register(cloud);
+        clear_log();
+    }
+};
 
 /* printf into a std::string of any length. */
 std::string fmt(const char *format, ...) __attribute__((format(printf, 1, 2)));
